@@ -51,8 +51,9 @@ int kovraOnVideoFrame(void* data, size_t len, int frameType, int videoType);
 int kovraOnAudioFrame(void* data, size_t len);
 
 // Test data mode: true plays ./h264SampleFrames/frame-001.h264 … frame-060.h264 and ./20s.pcmu from the
-// working directory to the viewers, in place of live media; a missing ./20s.pcmu ends the process. false stops
-// playing and, with it, kovraRun and the heartbeat; it waits for the sources, 50 ms or so. Returns 0.
+// working directory to the viewers, in place of live media; ./20s.pcmu must hold 96,160 bytes or more, and its absence
+// ends the process. false stops playing and, with it, kovraRun and the heartbeat; it waits for the sources, 50 ms or
+// so. Returns 0.
 int runTestDataMode(bool start);
 
 #endif  // SIGNAL_CONN_H
