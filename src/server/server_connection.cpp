@@ -1,0 +1,91 @@
+#include "server_connection.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+#include "protocol.h"
+
+namespace signalconn::server {
+
+namespace {
+
+constexpr int kSecondsToClose = 5;  // for a peer that does not read what precedes the close frame
+
+}  // namespace
+
+ServerConnection::Inbound ServerConnection::take(std::string_view piece, bool isFinal, bool isBinary) {
+  if (inbound_.size() + piece.size() > kLongestMessage) {
+    inbound_ = std::string();
+    return Inbound::kOversized;
+  }
+  inbound_ += piece;
+  if (!isFinal) return Inbound::kPartial;
+  if (!isBinary) return Inbound::kText;
+  inbound_ = std::string();
+  return Inbound::kBinary;
+}
+
+std::string ServerConnection::takeMessage() { return std::exchange(inbound_, {}); }
+
+bool ServerConnection::send(const SendText& message) {
+  if (message.supersedes) {
+    const auto earlier =
+        std::find_if(waiting_.begin(), waiting_.end(), [](const Waiting& text) { return text.isReplaceable; });
+    if (earlier != waiting_.end()) {
+      waitingBytes_ -= earlier->text->size();
+      waiting_.erase(earlier);
+    }
+  }
+  waiting_.push_back({message.text, message.supersedes});
+  waitingBytes_ += message.text->size();
+  lws_callback_on_writable(wsi_);
+  return waitingBytes_ <= kMostWaitingBytes;
+}
+
+void ServerConnection::ping() {
+  pingDue_ = true;
+  lws_callback_on_writable(wsi_);
+}
+
+void ServerConnection::close(std::uint16_t status, const std::string& reason) {
+  isEnding_ = true;
+  closeFrame_ = CloseFrame{status, reason};
+  lws_set_timeout(wsi_, PENDING_TIMEOUT_CLOSE_SEND, kSecondsToClose);
+  lws_callback_on_writable(wsi_);
+}
+
+void ServerConnection::drop() {
+  isEnding_ = true;
+  waiting_.clear();
+  lws_set_timeout(wsi_, PENDING_TIMEOUT_CLOSE_SEND, LWS_TO_KILL_ASYNC);
+}
+
+bool ServerConnection::write() {
+  if (pingDue_) {
+    pingDue_ = false;
+    std::array<unsigned char, LWS_PRE> empty{};
+    if (!waiting_.empty() || closeFrame_) lws_callback_on_writable(wsi_);
+    return lws_write(wsi_, empty.data() + LWS_PRE, 0, LWS_WRITE_PING) >= 0;
+  }
+  if (!waiting_.empty()) return writeNextText();
+  if (!closeFrame_) return true;
+  std::string& reason = closeFrame_->reason;
+  lws_close_reason(wsi_, static_cast<lws_close_status>(closeFrame_->status),
+                   reinterpret_cast<unsigned char*>(reason.data()), reason.size());
+  return false;
+}
+
+bool ServerConnection::writeNextText() {
+  const std::shared_ptr<const std::string> text = std::move(waiting_.front().text);
+  waiting_.pop_front();
+  waitingBytes_ -= text->size();
+  if (!waiting_.empty() || closeFrame_) lws_callback_on_writable(wsi_);
+  // libwebsockets writes the frame's header into the room before the payload.
+  std::vector<unsigned char> frame(LWS_PRE + text->size());
+  std::copy(text->begin(), text->end(), frame.begin() + LWS_PRE);
+  return lws_write(wsi_, frame.data() + LWS_PRE, text->size(), LWS_WRITE_TEXT) >= 0;
+}
+
+}  // namespace signalconn::server
