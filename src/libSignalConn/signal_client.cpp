@@ -13,7 +13,7 @@
 namespace {
 
 const int kConnectWaitMs = 3000;
-const int kRoundMs = 200;           // a stop flag is seen within this; five wake-ups a second when idle
+const int kRoundMs = 220;           // a stop flag is seen within 250 ms; fewer than five wake-ups a second when idle
 const int kWaitForDriverMs = 1000;  // how long destruction waits for the service thread
 const lws_usec_t kPongWaitUs = 5 * LWS_USEC_PER_SEC;
 const std::size_t kPingBytes = sizeof(std::uint64_t);
@@ -169,7 +169,8 @@ int KovraSignalClient::onLwsCallback(lws* wsi, lws_callback_reasons reason, void
       OnConnectionError(wsi, in != nullptr ? static_cast<const char*>(in) : "");
       return 0;
     case LWS_CALLBACK_CLIENT_CLOSED:
-      if (wsi == _wsi && !_closing) LinkLost();
+    case LWS_CALLBACK_WSI_DESTROY:  // all that libwebsockets tells when its own time-out ends a handshake
+      OnClosed(wsi);
       return 0;
     case LWS_CALLBACK_CLIENT_RECEIVE:
       return OnReceive(wsi, static_cast<const char*>(in), len);
@@ -205,7 +206,10 @@ int KovraSignalClient::OnReceive(lws* wsi, const char* data, std::size_t len) {
 
   // The link has proved itself, so the next failure is a first one again.
   _link->failures = 0;
-  _link->reported.clear();
+  if (!_link->reported.empty()) {
+    _link->reported.clear();
+    fprintf(stderr, "signalling: the link is up again\n");
+  }
   if (_link->window.AwaitsPong() && lws_now_usecs() - _link->pingedAt > kPongWaitUs) _link->window.GiveUpConfirming();
   if (_callback != nullptr) _callback->onMessage(_complete_message);
   std::string().swap(_complete_message);

@@ -66,7 +66,7 @@ class KovraSignalClient {
   // Replaces the text that is sent first on every link from the next one on; empty for none. Any thread.
   void setLoginMessage(std::string message);
 
-  // One round of service: waits for the network, 200 ms at most, and handles what came. Returns 0, or
+  // One round of service: waits for the network, 220 ms at most, and handles what came. Returns 0, or
   // negative when servicing has become impossible (libwebsockets failed, or this object is being destroyed).
   int lwsService();
 
@@ -90,7 +90,7 @@ class KovraSignalClient {
   void RetryIn(lws_usec_t microseconds);
   void SetOutcome(int outcome);
   void DropConnection();
-  void LinkLost();
+  void OnClosed(lws* wsi);
   void ForgetConnection();
   void OnEstablished(lws* wsi);
   void OnConnectionError(lws* wsi, const std::string& text);

@@ -31,6 +31,16 @@ const lws_protocols kProtocols[] = {
 
 int MillisecondsSince(lws_usec_t start) { return static_cast<int>((lws_now_usecs() - start) / LWS_US_PER_MS); }
 
+// libwebsockets says the same of every attempt; during an outage of days once is enough.
+void EmitOnce(int level, const char* line) {
+  static std::mutex mutex;
+  static std::string last;
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (last == line) return;
+  last = line;
+  lwsl_emit_stderr(level, line);
+}
+
 std::string HostHeader(const ServerUrl& url, int port) {
   std::string host = url.host.find(':') == std::string::npos ? url.host : "[" + url.host + "]";
   if (port != (url.tls ? 443 : 80)) host += ":" + std::to_string(port);
@@ -45,7 +55,7 @@ bool KovraSignalClient::EnsureContext() {
     const std::lock_guard<std::mutex> lock(_mutex);
     if (_server.empty()) return false;
   }
-  lws_set_log_level(LLL_ERR | LLL_WARN, nullptr);  // to standard error
+  lws_set_log_level(LLL_ERR | LLL_WARN, EmitOnce);
   lws_context_creation_info info{};
   info.port = CONTEXT_PORT_NO_LISTEN;
   info.options =
@@ -205,7 +215,7 @@ void KovraSignalClient::OnConnectionError(lws* wsi, const std::string& text) {
     _link->failedWhileStarting = true;
     _link->trouble = trouble;
   } else if (wsi == _wsi) {
-    _wsi = nullptr;
+    _wsi = nullptr;  // the end of wsi, which follows, is told already
     AddressFailed(trouble);
   }
 }
@@ -280,9 +290,15 @@ void KovraSignalClient::DropConnection() {
   if (wsi != nullptr) lws_set_timeout(wsi, PENDING_TIMEOUT_CLOSE_SEND, LWS_TO_KILL_ASYNC);
 }
 
-void KovraSignalClient::LinkLost() {
+void KovraSignalClient::OnClosed(lws* wsi) {
+  if (wsi != _wsi || _closing) return;
+  const bool wasConnected = _connected;
   ForgetConnection();
-  RetryAfterBackOff();
+  if (wasConnected) {
+    RetryAfterBackOff();
+  } else {
+    AddressFailed("no answer");
+  }
 }
 
 void KovraSignalClient::ForgetConnection() {
