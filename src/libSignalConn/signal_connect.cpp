@@ -16,6 +16,8 @@ const lws_usec_t kAddressUs = 2 * LWS_USEC_PER_SEC;   // for TCP, while another 
 const lws_usec_t kAttemptUs = 10 * LWS_USEC_PER_SEC;  // for TCP, TLS and the WebSocket handshake
 const char kProtocolName[] = "signal";                // names the handler within libwebsockets, never on the wire
 
+const std::size_t kReceiveBufferBytes = 2048;  // larger messages come in pieces
+
 // Silence is asked about after 15 s and given up after 30 s, so that a dead link is replaced within a minute.
 const lws_retry_bo_t kIdlePolicy = [] {
   lws_retry_bo_t policy{};
@@ -25,7 +27,7 @@ const lws_retry_bo_t kIdlePolicy = [] {
 }();
 
 const lws_protocols kProtocols[] = {
-    {kProtocolName, KovraSignalClient::sLwsCallback, 0, 4096, 0, nullptr, 0},
+    {kProtocolName, KovraSignalClient::sLwsCallback, 0, kReceiveBufferBytes, 0, nullptr, 0},
     {nullptr, nullptr, 0, 0, 0, nullptr, 0},
 };
 
