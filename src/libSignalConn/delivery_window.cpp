@@ -13,10 +13,10 @@ bool DeliveryWindow::IsFull() const {
   return unconfirmed_.size() >= kDeliveryWindowMessages || bytes_ >= kDeliveryWindowBytes;
 }
 
-bool DeliveryWindow::PingDue(bool queueIsEmpty) const {
+bool DeliveryWindow::PingDue(bool settled) const {
   const std::uint64_t unasked = written_ - pinged_;
   if (unasked == 0 || AwaitsPong()) return false;
-  return queueIsEmpty || IsFull() || unasked >= kDeliveryWindowMessages / 2;
+  return settled || IsFull() || unasked >= kDeliveryWindowMessages / 2;
 }
 
 std::uint64_t DeliveryWindow::Ping() { return pinged_ = written_; }

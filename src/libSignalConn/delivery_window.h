@@ -21,8 +21,9 @@ class DeliveryWindow {
   void Written(std::string message);
   // Whether writing has to pause for a confirmation.
   bool IsFull() const;
-  // Whether to ping now: half a window is unasked for, or the queue ran empty behind something unasked for.
-  bool PingDue(bool queueIsEmpty) const;
+  // Whether to ping now: half a window is unasked for, or writing has settled behind
+  // something unasked for.
+  bool PingDue(bool settled) const;
   // A ping goes out; the number names it.
   std::uint64_t Ping();
   // The pong that carries a ping's number came. Unknown numbers are ignored.

@@ -16,6 +16,7 @@ const int kConnectWaitMs = 3000;
 const int kRoundMs = 220;           // a stop flag is seen within 250 ms; fewer than five wake-ups a second when idle
 const int kWaitForDriverMs = 1000;  // how long destruction waits for the service thread
 const lws_usec_t kPongWaitUs = 5 * LWS_USEC_PER_SEC;
+const lws_usec_t kSettleUs = 20 * LWS_US_PER_MS;  // one ping confirms a burst of candidates
 const std::size_t kPingBytes = sizeof(std::uint64_t);
 
 }  // namespace
@@ -226,7 +227,7 @@ void KovraSignalClient::OnPong(const char* data, std::size_t len) {
 
 bool KovraSignalClient::HasMoreToWrite() {
   const std::lock_guard<std::mutex> lock(_mutex);
-  return _link->window.PingDue(_messages.empty()) || (!_messages.empty() && !_link->window.IsFull());
+  return _link->window.PingDue(_messages.empty() && _link->settled) || (!_messages.empty() && !_link->window.IsFull());
 }
 
 // libwebsockets takes one write a callback.
@@ -254,7 +255,7 @@ bool KovraSignalClient::WriteNextMessage(lws* wsi) {
   bool pingDue = false;
   {
     const std::lock_guard<std::mutex> lock(_mutex);
-    pingDue = _link->window.PingDue(_messages.empty());
+    pingDue = _link->window.PingDue(_messages.empty() && _link->settled);
     if (!pingDue) {
       if (_messages.empty() || _link->window.IsFull()) return true;
       message = std::move(_messages.front());
@@ -265,7 +266,16 @@ bool KovraSignalClient::WriteNextMessage(lws* wsi) {
   if (pingDue) return WritePing(wsi);
   const bool written = WriteText(wsi, message);
   _link->window.Written(std::move(message));  // unwritten, it is taken back when the link is dropped
+  _link->settled = false;
+  lws_sul_schedule(
+      _ctx, 0, &_link->settle.entry,
+      [](lws_sorted_usec_list_t* entry) { reinterpret_cast<Link::Timer*>(entry)->client->OnSettled(); }, kSettleUs);
   return written;
+}
+
+void KovraSignalClient::OnSettled() {
+  _link->settled = true;
+  if (_connected) lws_callback_on_writable(_wsi);
 }
 
 bool KovraSignalClient::WriteText(lws* wsi, const std::string& text) {

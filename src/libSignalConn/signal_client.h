@@ -110,6 +110,7 @@ class KovraSignalClient {
   bool WritePing(lws* wsi);
   bool WriteNextMessage(lws* wsi);
   void OnPong(const char* data, std::size_t len);
+  void OnSettled();
   bool HasMoreToWrite();
 
   std::string _server;

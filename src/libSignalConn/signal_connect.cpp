@@ -309,6 +309,7 @@ void KovraSignalClient::ForgetConnection() {
   _complete_message.clear();
   _link->discarding = false;
   _link->loginDue = false;
+  lws_sul_cancel(&_link->settle.entry);
   std::deque<std::string> unconfirmed = _link->window.TakeBack();
   const std::lock_guard<std::mutex> lock(_mutex);
   for (; !unconfirmed.empty(); unconfirmed.pop_back()) {

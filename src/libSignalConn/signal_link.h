@@ -19,7 +19,7 @@ struct KovraSignalClient::Link {
     KovraSignalClient* client = nullptr;
   };
 
-  explicit Link(KovraSignalClient* client) { round.client = retry.client = stage.client = client; }
+  explicit Link(KovraSignalClient* client) { round.client = retry.client = stage.client = settle.client = client; }
 
   lws_vhost* plainVhost = nullptr;  // owned by the context, as is
   lws_vhost* tlsVhost = nullptr;
@@ -50,6 +50,8 @@ struct KovraSignalClient::Link {
   bool loginDue = false;
   bool discarding = false;  // the rest of a binary message
   DeliveryWindow window;
+  bool settled = false;  // nothing was written for a moment
+  Timer settle;
   lws_usec_t pingedAt = 0;
   std::vector<unsigned char> writeBuffer;  // LWS_PRE bytes, then the payload
 };
