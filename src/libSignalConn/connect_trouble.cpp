@@ -9,25 +9,36 @@ struct Explanation {
   const char* words;
 };
 
-// The texts are libwebsockets' and, for certificates, the TLS library's.
+const char kNotYetValid[] = "the server's certificate is not yet valid: is the device's clock right?";
+const char kExpired[] = "the server's certificate has expired, or the device's clock is wrong";
+const char kOtherName[] = "the server's certificate is for another host name";
+const char kUnknownAuthority[] = "the server's certificate comes from an unknown authority";
+
+// With OpenSSL libwebsockets logs the error's words, with mbedTLS it gives the number (X509_V_ERR) as the reason.
 const Explanation kExplanations[] = {
-    {"not yet valid", "the server's certificate is not yet valid: is the device's clock right?"},
-    {"expired", "the server's certificate has expired, or the device's clock is wrong"},
-    {"ostname mismatch", "the server's certificate is for another host name"},
-    {"self signed", "the server's certificate comes from an unknown authority"},
-    {"self-signed", "the server's certificate comes from an unknown authority"},
-    {"unable to get local issuer", "the server's certificate comes from an unknown authority"},
-    {"unable to get issuer", "the server's certificate comes from an unknown authority"},
+    {"not yet valid", kNotYetValid},
+    {"X509_V_ERR = 9:", kNotYetValid},
+    {"certificate has expired", kExpired},
+    {"X509_V_ERR = 10:", kExpired},
+    {"ostname mismatch", kOtherName},
+    {"X509_V_ERR = 62:", kOtherName},
+    {"self signed", kUnknownAuthority},
+    {"self-signed", kUnknownAuthority},
+    {"unable to get local issuer", kUnknownAuthority},
+    {"X509_V_ERR = 18:", kUnknownAuthority},
+    {"X509_V_ERR = 19:", kUnknownAuthority},
+    {"X509_V_ERR = 20:", kUnknownAuthority},
+    {"X509_V_ERR = 24:", kUnknownAuthority},
 };
 
 }  // namespace
 
-std::string ExplainConnectTrouble(unsigned httpStatus, const std::string& text) {
+std::string ExplainConnectTrouble(unsigned httpStatus, const std::string& text, const std::string& complaint) {
   if (httpStatus != 0 && httpStatus != 101) {
     return "the server answered " + std::to_string(httpStatus) + " instead of opening a WebSocket";
   }
   for (const Explanation& explanation : kExplanations) {
-    if (text.find(explanation.mark) != std::string::npos) return explanation.words;
+    if ((text + complaint).find(explanation.mark) != std::string::npos) return explanation.words;
   }
   std::string line = text.empty() ? "the connection failed" : text;
   std::replace_if(

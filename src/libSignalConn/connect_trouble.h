@@ -4,8 +4,8 @@
 
 #include <string>
 
-// httpStatus is the server's answer to the handshake, 0 when it gave none; text is what libwebsockets says.
-// Returns one line without a line break. Pure.
-std::string ExplainConnectTrouble(unsigned httpStatus, const std::string& text);
+// httpStatus is the server's answer to the handshake, 0 when it gave none; text is what libwebsockets gives as
+// the reason, complaint what it logged last. Returns one line without a line break. Pure.
+std::string ExplainConnectTrouble(unsigned httpStatus, const std::string& text, const std::string& complaint);
 
 #endif  // SIGNALCONN_CONNECT_TROUBLE_H

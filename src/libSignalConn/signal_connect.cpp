@@ -33,10 +33,15 @@ const lws_protocols kProtocols[] = {
 
 int MillisecondsSince(lws_usec_t start) { return static_cast<int>((lws_now_usecs() - start) / LWS_US_PER_MS); }
 
-// libwebsockets says the same of every attempt; during an outage of days once is enough.
+// What libwebsockets complained about last on this thread: with OpenSSL the only place where it says why a
+// certificate was refused.
+thread_local std::string lastComplaint;
+
+// It says the same of every attempt; during an outage of days once is enough.
 void EmitOnce(int level, const char* line) {
   static std::mutex mutex;
   static std::string last;
+  lastComplaint = line;
   const std::lock_guard<std::mutex> lock(mutex);
   if (last == line) return;
   last = line;
@@ -194,6 +199,7 @@ bool KovraSignalClient::ConnectTo(const std::string& address) {
   link.startingConnection = true;
   link.failedWhileStarting = false;
   link.tcpAnswered = false;
+  lastComplaint.clear();
   lws* wsi = lws_client_connect_via_info(&info);
   link.startingConnection = false;
   if (link.failedWhileStarting) return false;
@@ -212,7 +218,7 @@ void KovraSignalClient::OnEstablished(lws* wsi) {
 
 void KovraSignalClient::OnConnectionError(lws* wsi, const std::string& text) {
   if (_closing) return;
-  const std::string trouble = ExplainConnectTrouble(lws_http_client_http_response(wsi), text);
+  const std::string trouble = ExplainConnectTrouble(lws_http_client_http_response(wsi), text, lastComplaint);
   if (_link->startingConnection) {
     _link->failedWhileStarting = true;
     _link->trouble = trouble;
