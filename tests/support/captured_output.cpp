@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <thread>
+#include <utility>
 
 namespace support {
 
@@ -29,6 +30,11 @@ std::string CapturedOutput::Text() {
     text.append(piece, static_cast<std::size_t>(size));
   }
   return text;
+}
+
+std::string CapturedOutput::Take() {
+  const std::string text = Text();
+  return text.substr(std::exchange(taken_, text.size()));
 }
 
 bool CapturedOutput::WaitFor(const std::string& text, int count, std::chrono::milliseconds within) {

@@ -3,6 +3,7 @@
 #define SIGNALCONN_TESTS_CAPTURED_OUTPUT_H
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "unique_fd.h"
@@ -20,6 +21,8 @@ class CapturedOutput {
 
   // Everything so far.
   std::string Text();
+  // What came since the last Take.
+  std::string Take();
   // Waits until text has come, count times. Returns whether it has.
   bool WaitFor(const std::string& text, int count = 1, std::chrono::milliseconds within = std::chrono::seconds(30));
 
@@ -27,6 +30,7 @@ class CapturedOutput {
   const int fd_;
   UniqueFd file_;
   UniqueFd original_;
+  std::size_t taken_ = 0;
 };
 
 // How often part occurs in text.

@@ -34,6 +34,13 @@ FakeEngine& FakeEngine::Get() {
   return engine;
 }
 
+void FakeEngine::Reset() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  calls_.clear();
+  scripts_.clear();
+  lastSession_ = 0;
+}
+
 void FakeEngine::On(EngineOperation operation, Script script) {
   const std::lock_guard<std::mutex> lock(mutex_);
   scripts_[operation] = std::move(script);

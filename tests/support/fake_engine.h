@@ -55,6 +55,9 @@ class FakeEngine {
 
   static FakeEngine& Get();
 
+  // Forgets calls, scripts and session numbers.
+  void Reset();
+
   // Without a script createSession returns 1, 2, 3 … and everything else 0.
   void On(EngineOperation operation, Script script);
 
