@@ -211,7 +211,10 @@ int KovraSignalClient::OnReceive(lws* wsi, const char* data, std::size_t len) {
     _link->reported.clear();
     fprintf(stderr, "signalling: the link is up again\n");
   }
-  if (_link->window.AwaitsPong() && lws_now_usecs() - _link->pingedAt > kPongWaitUs) _link->window.GiveUpConfirming();
+  if (_link->window.AwaitsPong() && lws_now_usecs() - _link->pingedAt > kPongWaitUs) {
+    _link->window.GiveUpConfirming();
+    lws_callback_on_writable(wsi);  // what waited for room
+  }
   if (_callback != nullptr) _callback->onMessage(_complete_message);
   std::string().swap(_complete_message);
   return 0;

@@ -327,6 +327,23 @@ TEST_F(SignalClient, TheQueueTakesAMebibyteAndNoMore) {
   EXPECT_EQ(connection->ReceiveText(), "ten chars.");
 }
 
+TEST_F(SignalClient, AServerThatAnswersNoPingsGetsEveryMessage) {
+  ScriptedServer server;
+  const Connection connection = ConnectTo(server);
+  connection->AnswerPings(false);
+  const int count = 3 * 64;
+  for (int i = 0; i < count; ++i) ASSERT_EQ(client_.sendMessage(std::to_string(i)), 0);
+  for (int i = 0; i < count; ++i) {
+    std::optional<std::string> text;
+    const auto deadline = Clock::now() + support::kPatience;
+    while (!text && Clock::now() < deadline) {  // a server that talks now and then, as with its heartbeats
+      text = connection->ReceiveText(std::chrono::seconds(1));
+      if (!text) connection->SendText("a sign of life");
+    }
+    ASSERT_EQ(text, std::to_string(i));
+  }
+}
+
 TEST_F(SignalClient, WritesNothingToStandardOutput) {
   support::CapturedOutput output;
   ScriptedServer server(Closed());
