@@ -17,7 +17,7 @@ bool TakeScheme(const char* scheme, std::string* text) {
 }
 
 bool IsPrintable(const std::string& text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c != '\x7f'; });
+  return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > ' ' && c < 0x7f; });
 }
 
 // An unbracketed host with one colon would be host:port; with more it is an IPv6 address.
