@@ -87,12 +87,14 @@ SignalConn::SignalConn()
       videoTimestamp(0),
       heartbeatThread_(0),
       loginOK_(false),
-      connectOK_(false) {
+      connectOK_(false),
+      leaving_(false) {
   streamer_.registerCallback(this);
   signalClient_.registerObserver(this);
 }
 
 SignalConn::~SignalConn() {
+  leaving_ = true;
   puts("source releasing..");
   loginOK_ = false;
   interrupted = 1;
@@ -202,6 +204,9 @@ void SignalConn::run() {
   }
   toInterruped();
   puts("-----to exit");
+  // Another thread is in exit(). A return from here would let main return too, and end the process at once
+  // with another status.
+  while (leaving_) pause();
 }
 
 void SignalConn::toInterruped() { signalClient_.toInterruped(); }

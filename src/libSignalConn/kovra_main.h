@@ -108,6 +108,7 @@ class SignalConn : public SignalClientCallback, public KovraStreamerCallback {
   std::vector<std::string> turnUser_;
   std::vector<std::string> turnPass_;
   ExitGate gate_;
+  std::atomic<bool> leaving_;  // destruction has begun
 };
 
 // Thread bodies. The heartbeat serves the KovraSignalClient, the sources feed the KovraStreamer, that args

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace support {
 
@@ -48,6 +49,11 @@ void RecordingServer::Send(const std::string& text) {
   Wake();
 }
 
+void RecordingServer::Answer(std::function<std::string(const std::string& text)> reply) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  reply_ = std::move(reply);
+}
+
 void RecordingServer::ResetAll() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -90,6 +96,8 @@ void RecordingServer::TakeTexts(Peer& peer) {
   while (std::optional<std::string> text = peer.connection->ReceiveText(std::chrono::milliseconds(0))) {
     const std::lock_guard<std::mutex> lock(mutex_);
     received_.push_back({peer.number, *text, Clock::now()});
+    const std::string answer = reply_ ? reply_(*text) : "";
+    if (!answer.empty()) peer.connection->SendText(answer);
     changed_.notify_all();
   }
 }

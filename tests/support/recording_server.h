@@ -34,6 +34,9 @@ class RecordingServer {
   bool WaitForTexts(std::size_t count, std::chrono::milliseconds within = kPatience);
   // Sends text on the newest connection, once there is an open one.
   void Send(const std::string& text);
+  // Calls reply with every text from here on, on the server's thread, and sends what it returns, if it is not
+  // empty, on the connection that the text came from.
+  void Answer(std::function<std::string(const std::string& text)> reply);
   // Resets all connections.
   void ResetAll();
 
@@ -57,6 +60,7 @@ class RecordingServer {
   std::condition_variable changed_;
   std::vector<ReceivedText> received_;
   std::vector<std::string> toSend_;
+  std::function<std::string(const std::string& text)> reply_;
   bool resetAll_ = false;
   bool stop_ = false;
   int accepted_ = 0;
