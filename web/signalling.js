@@ -116,8 +116,8 @@ export class Signalling {
     if (message === null) return;
     if (this.#signedIn) clearTimeout(this.#deadline);
     if (message.opcode === "signin") this.#onSignIn(message);
+    else if (message.code > 0) this.#handlers.onError(message);
     else if (message.opcode === "heartbeat") this.#failures = 0;
-    else if (message.code !== 0) this.#handlers.onError(message);
     else if (message.opcode === "cameras") this.#handlers.onCameras(message.cameras);
     else if (message.opcode === "message") this.#handlers.onMessage(message);
   }
