@@ -92,7 +92,7 @@ void chooseTrack(const GstSDPMedia* media, unsigned int mlineIndex, Offer& offer
 
 std::optional<Offer> readOffer(const std::string& text, std::string& whyNot) {
   GstSDPMessage* sdp = nullptr;
-  if (gst_sdp_message_new_from_text(text.c_str(), &sdp) != GST_SDP_OK) {
+  if (text.empty() || gst_sdp_message_new_from_text(text.c_str(), &sdp) != GST_SDP_OK) {
     if (sdp != nullptr) gst_sdp_message_free(sdp);
     whyNot = "not SDP";
     return std::nullopt;

@@ -6,6 +6,7 @@
 //   {"do":"close","session":n}                  {"do":"types","session":n,"audioType":n,"videoType":n}
 //   {"do":"startVideo","directory":"…","videoType":n,"onDemand":true|false}   {"do":"stopVideo"}
 //   {"do":"startAudio","audioType":n}           {"do":"stopAudio"}
+//   {"do":"exitOn","event":"audio"}             calls exit(7) inside the callback of the next such event
 //
 // Each command is answered by {"event":"result","value":n} in the order of the commands; for create the value is
 // the session. Events: answer, candidate, state, audio (one line a frame) and wantIFrame (when the engine begins or
@@ -63,19 +64,40 @@ class Event {
 
 class Reporter : public KovraStreamerCallback {
  public:
+  void exitOn(const std::string& event) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    exitOn_ = event;
+  }
+
   void onAnswer(KOVRA_SESSION_ID sid, const std::string& sdp) override {
     Event("answer").add("session", sid).add("sdp", sdp);
+    exitIfTold("answer");
   }
   void onIceCandidate(KOVRA_SESSION_ID sid, const std::string& candidate) override {
     Event("candidate").add("session", sid).add("candidate", candidate);
+    exitIfTold("candidate");
   }
   void onStateChange(KOVRA_SESSION_ID sid, KOVRA_STATE state) override {
     Event("state").add("session", sid).add("state", state);
+    exitIfTold("state");
   }
   void onAudioFrame(KOVRA_SESSION_ID sid, void* data, unsigned int len) override {
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     Event("audio").add("session", sid).add("length", static_cast<int>(len)).add("first", bytes[0]);
+    exitIfTold("audio");
   }
+
+ private:
+  void exitIfTold(const std::string& event) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (exitOn_ != event) return;
+    }
+    std::exit(7);
+  }
+
+  std::mutex mutex_;
+  std::string exitOn_;
 };
 
 // Calls a function at a steady pace on a thread of its own until it is destroyed.
@@ -112,12 +134,18 @@ std::vector<Bytes> readFrames(const std::string& directory) {
   }
 }
 
-// Writes access units of which only the first is a key frame: round and round, or on demand, that is the key frame
-// when the engine asks for one and the others otherwise.
+bool isKeyFrame(const Bytes& frame) { return frame.size() > 4 && (frame[4] & 0x1f) == 7; }  // begins with its SPS
+
+// Writes access units in their order, round and round, with the key frames among them. On demand it leaves these
+// out, as a camera with an endless group of pictures does, but for the first, which it writes when the engine asks.
 class VideoSource {
  public:
   VideoSource(KovraStreamer& streamer, const std::string& directory, int videoType, bool onDemand)
-      : streamer_(streamer), frames_(readFrames(directory)), videoType_(videoType), onDemand_(onDemand) {}
+      : streamer_(streamer), frames_(readFrames(directory)), videoType_(videoType), onDemand_(onDemand) {
+    if (onDemand_ && !frames_.empty()) {
+      frames_.erase(std::find_if(frames_.begin() + 1, frames_.end(), isKeyFrame), frames_.end());
+    }
+  }
 
   bool isEmpty() const { return frames_.size() < 2; }
 
@@ -209,6 +237,7 @@ class Probe {
     if (what == "stopVideo") videos_.clear();
     if (what == "startAudio") startAudio(number(command, "audioType"));
     if (what == "stopAudio") audios_.clear();
+    if (what == "exitOn") reporter_.exitOn(text(command, "event"));
     return 0;
   }
 
@@ -236,7 +265,7 @@ class Probe {
 
 int main() {
   if (initKovraLibrary(3) != 0) return 1;
-  Probe probe;
+  static Probe probe;  // its end is the process's, as with the library's connection object
   std::string line;
   while (std::getline(std::cin, line)) {
     const Json command(cJSON_Parse(line.c_str()), cJSON_Delete);

@@ -1,0 +1,56 @@
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+import { State, withProbe } from './support/probe.mjs';
+import { TurnServer } from './support/turn_server.mjs';
+import { endViewers, Viewer } from './support/viewer.mjs';
+
+let turn;
+before(async () => (turn = await TurnServer.start()));
+after(() => {
+  endViewers();
+  return turn.stop();
+});
+
+// The relay's address is loopback's: only from there do the viewer's packets carry the address that it announced.
+const bindAddress = '127.0.0.1';
+
+const localCandidates = (probe) =>
+  probe.events.items.filter(({ event }) => event === 'candidate').map(({ candidate }) => JSON.parse(candidate).candidate);
+
+for (const transport of ['udp', 'tcp']) {
+  test(`with relayOnly the media go through the TURN server, reached over ${transport}`, () => withProbe(async (probe) => {
+    await probe.startVideo();
+    const viewer = new Viewer(probe, { bindAddress, session: { relayOnly: true, iceServers: [turn.iceServer(transport)] } });
+    await viewer.connect();
+    await viewer.video.collect(50, () => true, 'video packets');
+    const candidates = localCandidates(probe);
+    assert.ok(candidates.length > 0);
+    for (const candidate of candidates) assert.match(candidate, / typ relay /);
+    assert.equal(viewer.peer.getSelectedCandidatePair().remote.port, Number(candidates[0].split(' ')[5]));
+  }));
+}
+
+test('with relayOnly and without trickle the answer holds relayed candidates only', () => withProbe(async (probe) => {
+  const session = { relayOnly: true, trickleIce: false, iceServers: [turn.iceServer('udp')] };
+  const viewer = new Viewer(probe, { bindAddress, session });
+  await viewer.connect();
+  const candidates = viewer.answerSdp.match(/^a=candidate:.*$/gm);
+  assert.ok(candidates.length > 0);
+  for (const candidate of candidates) assert.match(candidate, / typ relay /);
+}));
+
+test('with relayOnly and a TURN server that refuses us no other path is taken', () => withProbe(async (probe) => {
+  const viewer = new Viewer(probe, { bindAddress, session: { relayOnly: true, iceServers: [turn.iceServer('udp', 'wrong')] } });
+  await viewer.call();
+  await probe.state(viewer.session, State.FAILED, { patience: 120_000 });
+  assert.deepEqual(localCandidates(probe), []);
+  assert.ok(!probe.states(viewer.session).includes(State.CONNECTED));
+}));
+
+test('a STUN server that does not answer and a URL that cannot be read hold nothing up', () => withProbe(async (probe) => {
+  const iceServers = [{ url: 'stun:127.0.0.1:9' }, { url: 'carrier-pigeon:coop' }, turn.iceServer('udp')];
+  const viewer = new Viewer(probe, { session: { iceServers } });
+  await viewer.connect();
+  await probe.state(viewer.session, State.CONNECTED);
+  assert.equal(probe.complaints.split('\n').filter((line) => line.includes('carrier-pigeon')).length, 1);
+}));
