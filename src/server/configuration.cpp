@@ -101,8 +101,12 @@ Configuration parseConfiguration(std::string_view text) {
 Configuration readConfiguration(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw ConfigurationError(std::string("the file cannot be opened: ") + std::strerror(errno));
-  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (file.bad()) throw ConfigurationError("the file cannot be read");
+  std::string text;
+  try {
+    text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  } catch (const std::ios_base::failure&) {
+    throw ConfigurationError("the file cannot be read");
+  }
   return parseConfiguration(text);
 }
 

@@ -70,7 +70,7 @@ void Exchange::left(const Party& party, TimePoint now) {
 
 void Exchange::viewerLeft(const Party& viewer) {
   outbox_.log(viewer.description() + " left");
-  for (const CameraName& name : calls_.removeAll(viewer.sid)) sendHangup(viewer, name);
+  for (const CameraName& name : calls_.removeAll(viewer.sid)) sendHangup(viewer, name, "");
 }
 
 void Exchange::cameraLeft(const Party& party, TimePoint now) {
@@ -105,7 +105,7 @@ void Exchange::relayFromViewer(const Party& viewer, const InboundMessage& messag
     if (!isOnline) refuseUnreachableCamera();
     throw Refusal(kOutOfTurn, "there is no call with this camera");
   }
-  if (messageType == "hangup") return hangUp(viewer, name);
+  if (messageType == "hangup") return hangUp(viewer, name, payload);
   if (!isOnline) refuseUnreachableCamera();
   sendToCamera(viewer, *camera, messageType, payload);
 }
@@ -118,7 +118,7 @@ void Exchange::call(const Party& viewer, const CameraName& name, const std::opti
     throw Refusal(kPermitRefused, permitCode ? "the permit code is wrong" : "the permit code is missing");
   }
   if (calls_.contains(viewer.sid, name)) {
-    sendHangup(viewer, name);
+    sendHangup(viewer, name, "");
   } else if (calls_.countOf(viewer.sid) >= kMostCallsOfViewer) {
     throw Refusal(kTooManyCalls, "too many calls at once");
   } else if (calls_.countOf(name) >= kMostCallsOfCamera) {
@@ -129,16 +129,16 @@ void Exchange::call(const Party& viewer, const CameraName& name, const std::opti
   sendToCamera(viewer, *camera, "callRequest", offer);
 }
 
-void Exchange::hangUp(const Party& viewer, const CameraName& name) {
+void Exchange::hangUp(const Party& viewer, const CameraName& name, const std::string& payload) {
   calls_.remove(viewer.sid, name);
   outbox_.log(viewer.description() + " hung up on camera " + inQuotes(name.serialCode));
-  sendHangup(viewer, name);
+  sendHangup(viewer, name, payload);
 }
 
-void Exchange::sendHangup(const Party& viewer, const CameraName& name) {
+void Exchange::sendHangup(const Party& viewer, const CameraName& name, const std::string& payload) {
   Camera& camera = *cameras_.find(name);
   if (camera.connection) {
-    sendToCamera(viewer, camera, "hangup", "");
+    sendToCamera(viewer, camera, "hangup", payload);
   } else {
     camera.owedHangups[viewer.sid] = viewer.serialCode;
   }

@@ -32,8 +32,8 @@ class Exchange {
  private:
   void call(const Party& viewer, const CameraName& name, const std::optional<std::string>& permitCode,
             const std::string& offer);
-  void hangUp(const Party& viewer, const CameraName& name);
-  void sendHangup(const Party& viewer, const CameraName& name);
+  void hangUp(const Party& viewer, const CameraName& name, const std::string& payload);
+  void sendHangup(const Party& viewer, const CameraName& name, const std::string& payload);
   void sendToCamera(const Party& viewer, const Camera& camera, const std::string& messageType,
                     const std::string& payload);
   void viewerLeft(const Party& viewer);

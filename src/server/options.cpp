@@ -18,15 +18,20 @@ int parseNumber(const std::string& name, std::string_view text, int lowest, int 
   return number;
 }
 
+std::string requireValue(const std::string& name, const std::string& value) {
+  if (value.empty()) throw OptionsError(name + " wants a value");
+  return value;
+}
+
 void apply(Options& options, const std::string& name, const std::string& value) {
   if (name == "--host") {
-    options.host = value;
+    options.host = requireValue(name, value);
   } else if (name == "--port") {
     options.port = parseNumber(name, value, 0, 65535);
   } else if (name == "--config") {
-    options.configPath = value;
+    options.configPath = requireValue(name, value);
   } else if (name == "--web") {
-    options.webDirectory = value;
+    options.webDirectory = requireValue(name, value);
   } else if (name == "--idle-timeout") {
     options.idleTimeout = std::chrono::seconds(parseNumber(name, value, 2, 86400));
   } else {
@@ -55,7 +60,6 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       apply(options, name, "");
     }
   }
-  if (options.host.empty()) throw OptionsError("--host wants an address");
   return options;
 }
 
