@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,7 @@ struct Party {
   ConnectionId connection = 0;
   std::string address;
   TimePoint connectedAt{}, lastArrival{};
-  bool pinged = false;  // since the last arrival
+  std::optional<TimePoint> pingedAt;  // since the last arrival
 
   Role role = Role::kNone;
   int sid = 0;

@@ -65,9 +65,10 @@ void ServerConnection::drop() {
 bool ServerConnection::write() {
   if (pingDue_) {
     pingDue_ = false;
-    std::array<unsigned char, LWS_PRE> empty{};
+    // Not empty: libwebsockets does not report the empty pong that would answer an empty ping.
+    std::array<unsigned char, LWS_PRE + 1> frame{};
     if (!waiting_.empty() || closeFrame_) lws_callback_on_writable(wsi_);
-    return lws_write(wsi_, empty.data() + LWS_PRE, 0, LWS_WRITE_PING) >= 0;
+    return lws_write(wsi_, frame.data() + LWS_PRE, 1, LWS_WRITE_PING) >= 0;
   }
   if (!waiting_.empty()) return writeNextText();
   if (!closeFrame_) return true;

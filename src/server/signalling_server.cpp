@@ -108,7 +108,7 @@ void SignallingServer::makeVhost() {
   info.timeout_secs = kHandshakeSeconds;
   info.keepalive_timeout = kHttpKeepAliveSeconds;
   vhost_ = lws_create_vhost(context_.get(), &info);
-  if (vhost_ == nullptr) throw std::runtime_error("the address or the port cannot be listened on");
+  if (vhost_ == nullptr) throw std::runtime_error("cannot listen on " + urlOf(settings_.address, settings_.port));
 }
 
 void SignallingServer::watchStopDescriptor() {

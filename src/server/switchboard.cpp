@@ -46,7 +46,7 @@ void Switchboard::arrived(ConnectionId connection, TimePoint now) {
   Party* party = parties_.find(connection);
   if (party == nullptr) return;
   party->lastArrival = now;
-  party->pinged = false;
+  party->pingedAt.reset();
 }
 
 void Switchboard::received(ConnectionId connection, std::string_view text, TimePoint now) {
@@ -94,12 +94,15 @@ void Switchboard::tick(TimePoint now) {
 
 void Switchboard::checkTimes(Party& party, TimePoint now) {
   const auto silence = now - party.lastArrival;
-  if (silence >= idleTimeout_) {
+  const auto half = std::chrono::duration_cast<TimePoint::duration>(idleTimeout_) / 2;
+  // A server that stood still itself must not take that for the silence of others: whoever is dropped had half
+  // of the time to answer a ping.
+  if (party.pingedAt && now - *party.pingedAt >= half && silence >= idleTimeout_) {
     drop(party, "nothing was heard of it for " + std::to_string(idleTimeout_.count()) + " s", now);
   } else if (party.role == Role::kNone && now - party.connectedAt >= kSignInTime) {
     refuse(party, Refusal(kSignInTooLate, "no sign-in within 10 s"), {}, now);
-  } else if (2 * silence >= idleTimeout_ && !party.pinged) {
-    party.pinged = true;
+  } else if (silence >= half && !party.pingedAt) {
+    party.pingedAt = now;
     outbox_.ping(party.connection);
   }
 }

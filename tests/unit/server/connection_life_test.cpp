@@ -36,11 +36,22 @@ TEST_F(ConnectionLife, SilentPartyIsPingedOnceHalfWay) {
 
 TEST_F(ConnectionLife, SilentPartyIsDroppedAfterAMinute) {
   const ConnectionId camera = bench.camera();
-  bench.pass(milliseconds(59999));
+  bench.pass(seconds(30));
+  bench.pass(milliseconds(29999));
   EXPECT_TRUE(bench.isOpen(camera));
   bench.pass(milliseconds(1));
   EXPECT_TRUE(bench.isDropped(camera));
   EXPECT_THAT(bench.log(), HasSubstr("dropped camera \"SN1\" (sid 1000): nothing was heard of it for 60 s\n"));
+}
+
+TEST_F(ConnectionLife, NobodyIsDroppedUnpingedWhenTheServerItselfStoodStill) {
+  const ConnectionId camera = bench.camera();
+  bench.pass(seconds(3600));
+  EXPECT_EQ(bench.pings(camera), 1);
+  bench.pass(milliseconds(29999));
+  EXPECT_TRUE(bench.isOpen(camera));
+  bench.pass(milliseconds(1));
+  EXPECT_TRUE(bench.isDropped(camera));
 }
 
 TEST_F(ConnectionLife, PartyThatAnswersPingsLivesOn) {

@@ -1,5 +1,6 @@
 #include "switchboard_bench.h"
 
+#include <utility>
 #include <variant>
 
 #include "json.h"
