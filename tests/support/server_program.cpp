@@ -1,6 +1,6 @@
 #include "server_program.h"
 
-#include <regex>
+#include <cstddef>
 #include <stdexcept>
 
 namespace support {
@@ -17,14 +17,13 @@ std::vector<std::string> CommandLine(const std::string& path, const std::vector<
 
 ServerProgram::ServerProgram(const std::string& path, const std::vector<std::string>& arguments)
     : process_(CommandLine(path, arguments)) {
-  const std::regex listening(R"(listening on http://[^\n]*:([0-9]+)/\n)");
-  std::smatch match;
-  std::string output;
-  if (process_.WaitForOutput("/\n")) output = process_.Output();
-  if (!std::regex_search(output, match, listening)) {
-    throw std::runtime_error("the server does not listen: " + process_.Output() + process_.Errors());
-  }
-  port_ = std::stoi(match[1]);
+  const std::string announcement = "listening on http://";
+  const bool listens = process_.WaitForOutput(announcement) && process_.WaitForOutput("/\n");
+  const std::string output = process_.Output();
+  if (!listens) throw std::runtime_error("the server does not listen: " + output + process_.Errors());
+  const std::size_t url = output.find(announcement) + announcement.size();
+  const std::size_t end = output.find("/\n", url);
+  port_ = std::stoi(output.substr(output.rfind(':', end) + 1));
 }
 
 }  // namespace support

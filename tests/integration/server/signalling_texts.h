@@ -2,7 +2,7 @@
 #ifndef SIGNALCONN_TESTS_SIGNALLING_TEXTS_H
 #define SIGNALCONN_TESTS_SIGNALLING_TEXTS_H
 
-#include <regex>
+#include <cstddef>
 #include <string>
 
 namespace support {
@@ -33,8 +33,9 @@ inline std::string FromCamera(const std::string& messageType, int toSid, const s
 
 // The number "sid" of a message from the server; 0 when there is none.
 inline int SidIn(const std::string& message) {
-  std::smatch match;
-  return std::regex_search(message, match, std::regex(R"("sid":([0-9]+))")) ? std::stoi(match[1]) : 0;
+  const std::string key = R"("sid":)";
+  const std::size_t at = message.find(key);
+  return at == std::string::npos ? 0 : std::stoi(message.substr(at + key.size()));
 }
 
 }  // namespace support
