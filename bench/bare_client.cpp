@@ -43,8 +43,8 @@ BareClient::BareClient(int port) {
   info.port = CONTEXT_PORT_NO_LISTEN;
   info.protocols = protocols;
   info.user = this;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
+  info.gid = -1;
+  info.uid = -1;
   info.fd_limit_per_thread = 16;
   context_ = lws_create_context(&info);
   lws_client_connect_info connect{};

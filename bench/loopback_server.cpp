@@ -19,8 +19,8 @@ LoopbackServer::LoopbackServer(int port, TextReceiver receiver) : receiver_(std:
   info.iface = "127.0.0.1";
   info.protocols = protocols_;
   info.user = this;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
+  info.gid = -1;
+  info.uid = -1;
   context_ = lws_create_context(&info);
   if (context_ == nullptr) {
     fprintf(stderr, "cannot listen on 127.0.0.1:%d\n", port);

@@ -69,8 +69,8 @@ bool KovraSignalClient::EnsureContext() {
       LWS_SERVER_OPTION_EXPLICIT_VHOSTS | LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_VALIDATE_UTF8;
   info.protocols = kProtocols;
   info.user = this;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
+  info.gid = -1;
+  info.uid = -1;
   info.fd_limit_per_thread = 16;  // else its tables follow ulimit -n
   lws_context* ctx = lws_create_context(&info);
   const std::lock_guard<std::mutex> lock(_mutex);
