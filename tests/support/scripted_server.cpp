@@ -102,12 +102,22 @@ bool ServerConnection::WaitForEnd(std::chrono::milliseconds within) {
         ReceiveFrame(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()));
     if (!frame && !Ended()) return false;
     if (frame && frame->opcode == kPing && answerPings_) SendFrame({kPong, true, 0, false, frame->payload});
+    if (frame && frame->opcode == kClose) SendFrame({kClose, true, 0, false, frame->payload});
   }
   return true;
 }
 
+bool ServerConnection::WaitForEndFrozen(std::chrono::milliseconds within) const {
+  return WaitForFd(stream_.Fd(), POLLRDHUP, Clock::now() + within);
+}
+
 ScriptedServer::ScriptedServer(const ServerOptions& options) : options_(options) {
-  const SocketAddress address = MakeAddress(options.address, options.port);
+  Bind(options.port);
+  if (options.listening) Listen();
+}
+
+void ScriptedServer::Bind(int port) {
+  const SocketAddress address = MakeAddress(options_.address, port);
   socket_ = UniqueFd(socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const int on = 1;
   setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -117,16 +127,20 @@ ScriptedServer::ScriptedServer(const ServerOptions& options) : options_(options)
   bound.size = sizeof bound.storage;
   Require(getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&bound.storage), &bound.size) == 0, "getsockname");
   port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&bound.storage)->sin_port);  // the same place in both families
-  if (options.listening) Listen();
 }
 
 void ScriptedServer::Listen() {
+  const bool vanished = !fillers_.empty();
   fillers_.clear();
+  while (vanished && UniqueFd(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).get() >= 0) continue;
   Require(listen(socket_.get(), 64) == 0, "listen");
 }
 
-// Linux keeps the port bound, so that nobody else can take it.
-void ScriptedServer::Refuse() { Require(shutdown(socket_.get(), SHUT_RD) == 0, "shutdown"); }
+// Bound and not listening, the port is nobody else's and closed.
+void ScriptedServer::Refuse() {
+  socket_.Close();
+  Bind(port_);
+}
 
 // With a full queue Linux drops what asks for a connection.
 void ScriptedServer::Vanish() {

@@ -37,8 +37,10 @@ class ServerConnection {
   std::optional<std::string> ReceiveText(std::chrono::milliseconds within = kPatience);
   void AnswerPings(bool answer) { answerPings_ = answer; }
   int Pings() const { return pings_; }
-  // Passes over what comes until the client closes its end. Returns whether it did.
+  // Passes over what comes until the client closes its end, answering pings and closes. Returns whether it did.
   bool WaitForEnd(std::chrono::milliseconds within = kPatience);
+  // As WaitForEnd, without reading or writing anything.
+  bool WaitForEndFrozen(std::chrono::milliseconds within = kPatience) const;
   // The code of the client's close frame, once one was read.
   std::optional<int> CloseCodeReceived() const { return closeCode_; }
 
@@ -83,6 +85,8 @@ class ScriptedServer {
   int Fd() const { return socket_.get(); }
 
  private:
+  void Bind(int port);
+
   ServerOptions options_;
   int port_ = 0;
   UniqueFd socket_;
