@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #include "signal_link.h"
@@ -174,7 +173,8 @@ int KovraSignalClient::onLwsCallback(lws* wsi, lws_callback_reasons reason, void
       OnClosed(wsi);
       return 0;
     case LWS_CALLBACK_CLIENT_RECEIVE:
-      return OnReceive(wsi, static_cast<const char*>(in), len);
+      OnReceive(wsi, static_cast<const char*>(in), len);
+      return 0;
     case LWS_CALLBACK_CLIENT_RECEIVE_PONG:
       if (wsi == _wsi) OnPong(static_cast<const char*>(in), len);
       return 0;
@@ -189,22 +189,27 @@ int KovraSignalClient::onLwsCallback(lws* wsi, lws_callback_reasons reason, void
   }
 }
 
-int KovraSignalClient::OnReceive(lws* wsi, const char* data, std::size_t len) {
-  if (wsi != _wsi) return -1;
+void KovraSignalClient::OnReceive(lws* wsi, const char* data, std::size_t len) {
+  if (wsi != _wsi || _link->refusal != 0) return;
   lws_validity_confirmed(wsi);
   const bool complete = lws_is_final_fragment(wsi) != 0;
   if (_link->discarding || lws_frame_is_binary(wsi) != 0) {  // the protocol has text only
     _link->discarding = !complete;
-    return 0;
+    return;
   }
   if (_complete_message.size() + len > kLongestInboundMessage) {
-    Report("the signalling server sent a message over 1 MiB, the link is closed");
-    lws_close_reason(wsi, LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE, nullptr, 0);
-    return -1;
+    Refuse(wsi, LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE, "the signalling server sent a message over 1 MiB");
+    return;
+  }
+  if (!_link->utf8.Take(data, len) || (complete && !_link->utf8.IsComplete())) {
+    Refuse(wsi, LWS_CLOSE_STATUS_INVALID_PAYLOAD, "the signalling server sent a text that is not UTF-8");
+    return;
   }
   _complete_message.append(data, len);
-  if (!complete) return 0;
+  if (complete) OnText(wsi);
+}
 
+void KovraSignalClient::OnText(lws* wsi) {
   // The link has proved itself, so the next failure is a first one again.
   _link->failures = 0;
   if (!_link->reported.empty()) {
@@ -217,7 +222,14 @@ int KovraSignalClient::OnReceive(lws* wsi, const char* data, std::size_t len) {
   }
   if (_callback != nullptr) _callback->onMessage(_complete_message);
   std::string().swap(_complete_message);
-  return 0;
+}
+
+// The link is ended by the next writeable callback. Ended by the receive callback in mid-frame, libwebsockets would go
+// on to write the rest of the frame beyond its buffer; its own UTF-8 check does just that.
+void KovraSignalClient::Refuse(lws* wsi, lws_close_status code, const char* trouble) {
+  Report(std::string(trouble) + ", the link is closed");
+  _link->refusal = code;
+  lws_callback_on_writable(wsi);
 }
 
 void KovraSignalClient::OnPong(const char* data, std::size_t len) {
@@ -236,6 +248,10 @@ bool KovraSignalClient::HasMoreToWrite() {
 // libwebsockets takes one write a callback.
 int KovraSignalClient::onLwsWriteable(lws* wsi) {
   if (wsi != _wsi || !_connected) return 0;
+  if (_link->refusal != 0) {
+    lws_close_reason(wsi, static_cast<lws_close_status>(_link->refusal), nullptr, 0);
+    return -1;
+  }
   bool written = true;
   if (_link->loginDue) {
     _link->loginDue = false;

@@ -105,7 +105,9 @@ class KovraSignalClient {
   void TakeConnectRequest();
   int Round(int longestMs);
   void WakeService();
-  int OnReceive(lws* wsi, const char* data, std::size_t len);
+  void OnReceive(lws* wsi, const char* data, std::size_t len);
+  void OnText(lws* wsi);
+  void Refuse(lws* wsi, lws_close_status code, const char* trouble);
   bool WriteText(lws* wsi, const std::string& text);
   bool WritePing(lws* wsi);
   bool WriteNextMessage(lws* wsi);

@@ -65,13 +65,13 @@ bool KovraSignalClient::EnsureContext() {
   lws_set_log_level(LLL_ERR | LLL_WARN, EmitOnce);
   lws_context_creation_info info{};
   info.port = CONTEXT_PORT_NO_LISTEN;
-  info.options =
-      LWS_SERVER_OPTION_EXPLICIT_VHOSTS | LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_VALIDATE_UTF8;
+  info.options = LWS_SERVER_OPTION_EXPLICIT_VHOSTS | LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
   info.protocols = kProtocols;
   info.user = this;
   info.gid = -1;
   info.uid = -1;
   info.fd_limit_per_thread = 16;  // else its tables follow ulimit -n
+  info.timeout_secs = 15;         // its own limit of a handshake, 5 s by default; ours are shorter and tell more
   lws_context* ctx = lws_create_context(&info);
   const std::lock_guard<std::mutex> lock(_mutex);
   _ctx = ctx;
@@ -86,11 +86,10 @@ lws_vhost* KovraSignalClient::VhostFor(bool tls) {
   info.port = CONTEXT_PORT_NO_LISTEN;
   info.vhost_name = tls ? "tls" : "plain";
   info.protocols = kProtocols;
-  info.options = LWS_SERVER_OPTION_VALIDATE_UTF8;
   info.timeout_secs = 15;  // ours are shorter and tell more
   info.connect_timeout_secs = 15;
   if (tls) {
-    info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
+    info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
 #ifdef SSL_OP_NO_TLSv1_1
     info.ssl_client_options_set = static_cast<long>(SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1);
 #endif
@@ -314,6 +313,8 @@ void KovraSignalClient::ForgetConnection() {
   _connected = false;
   _complete_message.clear();
   _link->discarding = false;
+  _link->utf8 = Utf8Check();
+  _link->refusal = 0;
   _link->loginDue = false;
   lws_sul_cancel(&_link->settle.entry);
   std::deque<std::string> unconfirmed = _link->window.TakeBack();

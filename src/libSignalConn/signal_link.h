@@ -11,6 +11,7 @@
 #include "name_lookup.h"
 #include "server_url.h"
 #include "signal_client.h"
+#include "utf8_check.h"
 
 struct KovraSignalClient::Link {
   // libwebsockets hands a timer's callback the address of its list entry, which is the timer's own.
@@ -49,6 +50,8 @@ struct KovraSignalClient::Link {
   // The established link.
   bool loginDue = false;
   bool discarding = false;  // the rest of a binary message
+  Utf8Check utf8;           // of the text message being assembled
+  int refusal = 0;          // the close code with which the link is to end; 0: none
   DeliveryWindow window;
   bool settled = false;  // nothing was written for a moment
   Timer settle;
