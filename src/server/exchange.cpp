@@ -32,7 +32,7 @@ void requireCamerasMessageType(const std::string& messageType) {
 void requireSwitchPayload(const std::string& payload) {
   const Json object = parseJsonObject(payload);
   if (!object || !jsonInteger(jsonMember(*object, "type"))) {
-    throw Refusal(kMalformed, "\"message\" is not the JSON text of an object with the number \"type\"");
+    throw Refusal(kMalformed, R"("message" is not the JSON text of an object with the number "type")");
   }
 }
 

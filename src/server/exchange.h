@@ -19,11 +19,11 @@ class Exchange {
   Exchange(PartyTable& parties, Outbox& outbox) : parties_(parties), outbox_(outbox) {}
 
   // After the party's sign-in response was sent. A camera takes the place of one of the same name.
-  void cameraSignedIn(Party& camera, Permit permit);
+  void cameraSignedIn(Party& party, Permit permit);
   void viewerSignedIn(const Party& viewer);
   void left(const Party& party, TimePoint now);  // before it leaves the table; a party not signed in is no matter
 
-  void changePermit(const Party& camera, Permit permit);
+  void changePermit(const Party& party, Permit permit);
   void relayFromViewer(const Party& viewer, const InboundMessage& message);
   void relayFromCamera(const Party& camera, const InboundMessage& message);
 
@@ -37,7 +37,7 @@ class Exchange {
   void sendToCamera(const Party& viewer, const Camera& camera, const std::string& messageType,
                     const std::string& payload);
   void viewerLeft(const Party& viewer);
-  void cameraLeft(const Party& camera, TimePoint now);
+  void cameraLeft(const Party& party, TimePoint now);
   void tellViewers(AccountId account);
 
   PartyTable& parties_;

@@ -1,7 +1,7 @@
 #include <libwebsockets.h>
-#include <signal.h>
 #include <sys/signalfd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -57,7 +57,7 @@ std::string defaultWebDirectory() {
 }
 
 std::string webDirectory(const Options& options) {
-  const std::string directory = options.webDirectory ? *options.webDirectory : defaultWebDirectory();
+  std::string directory = options.webDirectory ? *options.webDirectory : defaultWebDirectory();
   if (std::filesystem::is_directory(directory)) return directory;
   if (options.webDirectory) throw std::runtime_error("--web: " + inQuotes(directory) + " is not a directory");
   writeLine("no viewer page: " + inQuotes(directory) + " is not a directory");

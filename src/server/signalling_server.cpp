@@ -18,8 +18,8 @@ namespace {
 
 constexpr lws_usec_t kTickInterval = 1 * LWS_USEC_PER_SEC;
 constexpr lws_usec_t kStopTime = 1 * LWS_USEC_PER_SEC;
-constexpr unsigned kMostDescriptors = 4096;
-constexpr unsigned kOtherDescriptors = 32;  // files of the pages, standard streams, resolver
+constexpr rlim_t kMostDescriptors = 4096;
+constexpr rlim_t kOtherDescriptors = 32;  // files of the pages, standard streams, resolver
 constexpr unsigned kHandshakeSeconds = 10;
 constexpr int kHttpKeepAliveSeconds = 30;
 constexpr char kProtocolName[] = "signalling";
@@ -28,9 +28,9 @@ constexpr char kProtocolName[] = "signalling";
 unsigned descriptorLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kMostDescriptors + kOtherDescriptors) {
-    return kMostDescriptors;
+    return static_cast<unsigned>(kMostDescriptors);
   }
-  return static_cast<unsigned>(std::max<rlim_t>(limit.rlim_cur, 2 * kOtherDescriptors)) - kOtherDescriptors;
+  return static_cast<unsigned>(std::max(limit.rlim_cur, 2 * kOtherDescriptors) - kOtherDescriptors);
 }
 
 // The pages load from here alone, run no inline script and are framed by nobody.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "server_program.h"
 #include "signalling_texts.h"
@@ -131,6 +132,38 @@ TEST_F(ServerRobustness, MessagesThatAreNeverReadCostTheirReaderOnly) {
   // The list lost SN2 again: the viewer saw it come and go.
   EXPECT_THAT(viewer.ReceiveText().value_or(""), HasSubstr("SN2"));
   EXPECT_THAT(viewer.ReceiveText().value_or(""), HasSubstr(R"("cameras":[{"serialCode":"SN1","mustPermitCode":0}])"));
+}
+
+TEST(ServerSlowViewer, MissesListsOfTheCamerasButNotTheLast) {
+  ServerProgram server(SIGNALCONN_SERVER_PROGRAM);
+  WebSocketClient slow(server.Port());
+  slow.SendText(ViewerSignIn("slow"));
+  ASSERT_TRUE(server.Process().WaitForOutput("viewer \"slow\""));
+  std::vector<WebSocketClient> cameras;
+  for (int i = 100; i < 200; ++i) {
+    cameras.emplace_back(server.Port()).SendText(CameraSignIn(std::to_string(i) + std::string(61, 'x')));
+    ASSERT_TRUE(cameras.back().ReceiveText());
+  }
+  // Each update makes a list of 11 KB: together far more than the sockets' buffers and the limit hold.
+  const int updates = 2001;
+  for (int i = 1; i <= updates; ++i) {
+    cameras.back().SendText(R"({"opcode":"permitCode","mustPermitCode":)" + std::to_string(i % 2) +
+                            R"(,"permitCode":""})");
+  }
+  cameras.back().SendText(kHeartbeat);
+  ASSERT_EQ(cameras.back().ReceiveText(), kHeartbeatReply);
+  slow.SendText(kHeartbeat);
+
+  std::string list;
+  int lists = 0;
+  for (std::string text; text != kHeartbeatReply; ++lists) {
+    const auto received = slow.ReceiveText();
+    ASSERT_TRUE(received) << server.Process().Output();
+    list = text;
+    text = *received;
+  }
+  EXPECT_THAT(list, HasSubstr(R"({"serialCode":"199)" + std::string(61, 'x') + R"(","mustPermitCode":1}]})"));
+  EXPECT_LT(lists, updates);
 }
 
 }  // namespace
