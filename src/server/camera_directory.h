@@ -10,6 +10,7 @@
 #include "call_table.h"
 #include "outbound_message.h"
 #include "party_table.h"
+#include "time_point.h"
 
 namespace signalconn::server {
 

@@ -10,6 +10,7 @@
 #include "inbound_message.h"
 #include "outbox.h"
 #include "party_table.h"
+#include "time_point.h"
 
 namespace signalconn::server {
 

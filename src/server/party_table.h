@@ -2,7 +2,6 @@
 #ifndef SIGNALCONN_SERVER_PARTY_TABLE_H
 #define SIGNALCONN_SERVER_PARTY_TABLE_H
 
-#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -11,10 +10,9 @@
 #include "accounts.h"
 #include "call_table.h"
 #include "outbox.h"
+#include "time_point.h"
 
 namespace signalconn::server {
-
-using TimePoint = std::chrono::steady_clock::time_point;
 
 enum class Role { kNone, kCamera, kViewer };  // kNone: not signed in
 

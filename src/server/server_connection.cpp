@@ -1,5 +1,7 @@
 #include "server_connection.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -8,12 +10,6 @@
 #include "protocol.h"
 
 namespace signalconn::server {
-
-namespace {
-
-constexpr int kSecondsToClose = 5;  // for a peer that does not read what precedes the close frame
-
-}  // namespace
 
 ServerConnection::Inbound ServerConnection::take(std::string_view piece, bool isFinal, bool isBinary) {
   if (inbound_.size() + piece.size() > kLongestMessage) {
@@ -49,17 +45,20 @@ void ServerConnection::ping() {
   lws_callback_on_writable(wsi_);
 }
 
-void ServerConnection::close(std::uint16_t status, const std::string& reason) {
+void ServerConnection::close(std::uint16_t status, const std::string& reason, TimePoint deadline) {
   isEnding_ = true;
   closeFrame_ = CloseFrame{status, reason};
-  lws_set_timeout(wsi_, PENDING_TIMEOUT_CLOSE_SEND, kSecondsToClose);
+  deadline_ = deadline;
   lws_callback_on_writable(wsi_);
 }
 
 void ServerConnection::drop() {
   isEnding_ = true;
+  deadline_ = TimePoint::max();
   waiting_.clear();
-  lws_set_timeout(wsi_, PENDING_TIMEOUT_CLOSE_SEND, LWS_TO_KILL_ASYNC);
+  closeFrame_.reset();
+  // Not by way of libwebsockets, which would go on writing to a peer that does not read.
+  shutdown(lws_get_socket_fd(wsi_), SHUT_RDWR);
 }
 
 bool ServerConnection::write() {

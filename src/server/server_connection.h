@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "outbox.h"
+#include "time_point.h"
 
 namespace signalconn::server {
 
@@ -30,11 +31,14 @@ class ServerConnection {
   // kMostWaitingBytes wait now.
   bool send(const SendText& message);
   void ping();
-  void close(std::uint16_t status, const std::string& reason);  // once all that waits is written
+  // Once all that waits is written. The caller drops a connection that is still there at the deadline: its peer
+  // does not read.
+  void close(std::uint16_t status, const std::string& reason, TimePoint deadline);
   void drop();
   bool write();  // false: end the connection
 
   bool isEnding() const { return isEnding_; }
+  bool isOverdue(TimePoint now) const { return isEnding_ && now >= deadline_; }
 
  private:
   struct Waiting {
@@ -56,6 +60,7 @@ class ServerConnection {
   bool pingDue_ = false;
   bool isEnding_ = false;  // nothing more is read or queued
   std::optional<CloseFrame> closeFrame_;
+  TimePoint deadline_ = TimePoint::max();
 };
 
 }  // namespace signalconn::server

@@ -17,7 +17,7 @@ namespace signalconn::server {
 namespace {
 
 constexpr lws_usec_t kTickInterval = 1 * LWS_USEC_PER_SEC;
-constexpr lws_usec_t kStopTime = 1 * LWS_USEC_PER_SEC;
+constexpr std::chrono::seconds kClosingTime{2};
 constexpr rlim_t kMostDescriptors = 4096;
 constexpr rlim_t kOtherDescriptors = 32;  // files of the pages, standard streams, resolver
 constexpr unsigned kHandshakeSeconds = 10;
@@ -73,7 +73,6 @@ SignallingServer::~SignallingServer() {
   // Destroying the context closes what is still open; those callbacks must not start anything new.
   isStopping_ = true;
   lws_sul_cancel(&tickTimer_);
-  lws_sul_cancel(&stopTimer_);
 }
 
 void SignallingServer::listen() {
@@ -122,32 +121,31 @@ void SignallingServer::watchStopDescriptor() {
 int SignallingServer::port() const { return lws_get_vhost_listen_port(vhost_); }
 
 void SignallingServer::run() {
-  schedule(tickTimer_, kTickInterval);
-  while (!isStopped_ && lws_service(context_.get(), 0) >= 0) {
+  scheduleTick();
+  while (!(isStopping_ && connections_.empty()) && lws_service(context_.get(), 0) >= 0) {
   }
 }
 
-void SignallingServer::schedule(Timer& timer, lws_usec_t delay) {
-  const auto elapsed = [](lws_sorted_usec_list_t* list) {
-    const auto* due = static_cast<Timer*>(list);
-    (due->server->*due->onElapsed)();
-  };
-  lws_sul_schedule(context_.get(), 0, &timer, elapsed, delay);
+void SignallingServer::scheduleTick() {
+  const auto elapsed = [](lws_sorted_usec_list_t* timer) { static_cast<Timer*>(timer)->server->onTick(); };
+  lws_sul_schedule(context_.get(), 0, &tickTimer_, elapsed, kTickInterval);
 }
 
 void SignallingServer::onTick() {
+  scheduleTick();
+  for (auto& [id, connection] : connections_) {
+    if (connection.isOverdue(now())) connection.drop();
+  }
   if (isStopping_) return;
   switchboard_.tick(now());
   perform();
-  schedule(tickTimer_, kTickInterval);
 }
 
 void SignallingServer::stop() {
   if (isStopping_) return;
   isStopping_ = true;
-  isStopped_ = connections_.empty();
-  for (auto& [id, connection] : connections_) connection.close(kCloseGoingAway, "the server ends");
-  schedule(stopTimer_, kStopTime);
+  for (auto& [id, connection] : connections_)
+    connection.close(kCloseGoingAway, "the server ends", now() + kClosingTime);
 }
 
 int SignallingServer::callback(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length) {
@@ -215,10 +213,7 @@ int SignallingServer::onReceived(lws* wsi, ServerConnection& connection, std::st
 
 void SignallingServer::onClosed(ConnectionId id) {
   connections_.erase(id);
-  if (isStopping_) {
-    isStopped_ = isStopped_ || connections_.empty();
-    return;
-  }
+  if (isStopping_) return;
   switchboard_.closed(id, now());
   perform();
 }
@@ -246,7 +241,9 @@ void SignallingServer::perform(const Action& action) {
   } else if (const auto* ping = std::get_if<SendPing>(&action)) {
     if (ServerConnection* connection = find(ping->to)) connection->ping();
   } else if (const auto* close = std::get_if<CloseConnection>(&action)) {
-    if (ServerConnection* connection = find(close->connection)) connection->close(close->status, close->reason);
+    if (ServerConnection* connection = find(close->connection)) {
+      connection->close(close->status, close->reason, now() + kClosingTime);
+    }
   } else if (const auto* drop = std::get_if<DropConnection>(&action)) {
     if (ServerConnection* connection = find(drop->connection)) connection->drop();
   }

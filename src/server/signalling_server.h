@@ -35,14 +35,12 @@ class SignallingServer {
   SignallingServer& operator=(const SignallingServer&) = delete;
 
   int port() const;
-  void run();  // until stopDescriptor is readable; then closes the connections, within a second
+  void run();  // until stopDescriptor is readable; then closes the connections, within about 3 s
 
  private:
   struct Timer : lws_sorted_usec_list_t {
-    Timer(SignallingServer* owner, void (SignallingServer::*handler)())
-        : lws_sorted_usec_list_t{}, server(owner), onElapsed(handler) {}
+    explicit Timer(SignallingServer* owner) : lws_sorted_usec_list_t{}, server(owner) {}
     SignallingServer* const server;
-    void (SignallingServer::*const onElapsed)();
   };
   struct ContextDeleter {
     void operator()(lws_context* context) const { lws_context_destroy(context); }
@@ -54,13 +52,12 @@ class SignallingServer {
   int onReceived(lws* wsi, ServerConnection& connection, std::string_view piece);
   void onClosed(ConnectionId id);
   void onTick();
-  void onStopTime() { isStopped_ = true; }
   void stop();
 
   void listen();
   void makeVhost();
   void watchStopDescriptor();
-  void schedule(Timer& timer, lws_usec_t delay);
+  void scheduleTick();
   ServerConnection* find(ConnectionId id);
   void perform();  // what the switchboard wants done
   void perform(const Action& action);
@@ -74,9 +71,7 @@ class SignallingServer {
   std::map<ConnectionId, ServerConnection> connections_;
   ConnectionId lastId_ = 0;
   bool isStopping_ = false;
-  bool isStopped_ = false;
-  Timer tickTimer_{this, &SignallingServer::onTick};
-  Timer stopTimer_{this, &SignallingServer::onStopTime};
+  Timer tickTimer_{this};
   std::unique_ptr<lws_context, ContextDeleter> context_;
   lws_vhost* vhost_ = nullptr;  // owned by context_
 };

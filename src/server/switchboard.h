@@ -17,6 +17,7 @@
 #include "party_table.h"
 #include "protocol.h"
 #include "refusal.h"
+#include "time_point.h"
 
 namespace signalconn::server {
 

@@ -24,9 +24,9 @@ using ::testing::Not;
 const std::string kProgram = SIGNALCONN_SERVER_PROGRAM;
 const std::chrono::seconds kPatience{30};
 
-// Runs the program with arguments with which it ends by itself. Returns its exit status.
-int StatusOf(ChildProcess& process) {
-  const auto end = process.WaitForEnd(kPatience);
+// Waits until the program has ended. Returns its exit status, -1 when it did not end in time.
+int StatusOf(ChildProcess& process, std::chrono::seconds patience = kPatience) {
+  const auto end = process.WaitForEnd(patience);
   return end ? end->status : -1;
 }
 
@@ -156,20 +156,39 @@ TEST_P(ServerEnd, ComesAtOnceAndInOrder) {
   EXPECT_THAT(server.Process().Output(), HasSubstr("\nended\n"));
 }
 
-TEST_P(ServerEnd, DoesNotWaitForClientsThatDoNotRead) {
-  ServerProgram server(kProgram);
-  WebSocketClient camera(server.Port());
-  camera.SendText(CameraSignIn("SN1"));
-  ASSERT_TRUE(camera.ReceiveText());
+// Sends messages of 100 kB to the camera called serialCode, most at the most, until the server has dropped it.
+// Returns how many.
+int Flood(ServerProgram& server, const std::string& serialCode, int most) {
   WebSocketClient viewer(server.Port());
   viewer.SendText(ViewerSignIn(""));
-  viewer.SendText(FromViewer("callRequest", "SN1", std::string(200000, 'x')));
-  for (int i = 0; i < 20; ++i) viewer.SendText(FromViewer("remoteCandidate", "SN1", std::string(200000, 'x')));
-  viewer.SendText(kHeartbeat);
-  while (viewer.ReceiveText().value_or(kHeartbeatReply) != kHeartbeatReply) {
+  viewer.SendText(FromViewer("callRequest", serialCode, "offer"));
+  const std::string candidate = FromViewer("remoteCandidate", serialCode, std::string(100000, 'x'));
+  const std::string dropped = "dropped camera \"" + serialCode + "\"";
+  int sent = 0;
+  while (sent < most && server.Process().Output().find(dropped) == std::string::npos) {
+    viewer.SendText(candidate);
+    ++sent;
+    viewer.SendText(kHeartbeat);
+    while (viewer.ReceiveText().value_or(kHeartbeatReply) != kHeartbeatReply) {
+    }
   }
+  return sent;
+}
+
+TEST_P(ServerEnd, DoesNotWaitForClientsThatDoNotRead) {
+  ServerProgram server(kProgram);
+  WebSocketClient dropped(server.Port());
+  dropped.SendText(CameraSignIn("SN1"));
+  ASSERT_TRUE(dropped.ReceiveText());
+  WebSocketClient camera(server.Port());
+  camera.SendText(CameraSignIn("SN2"));
+  ASSERT_TRUE(camera.ReceiveText());
+  // So much fills the sockets' buffers and half of what may wait.
+  const int bearable = Flood(server, "SN1", 1000) - 5;
+  Flood(server, "SN2", bearable);
   server.Process().Signal(GetParam());
-  EXPECT_EQ(StatusOf(server.Process()), 0);
+  EXPECT_EQ(StatusOf(server.Process(), std::chrono::seconds(15)), 0);
+  EXPECT_THAT(server.Process().Output(), Not(HasSubstr("dropped camera \"SN2\"")));
 }
 
 INSTANTIATE_TEST_SUITE_P(BySignal, ServerEnd, ::testing::Values(SIGINT, SIGTERM),

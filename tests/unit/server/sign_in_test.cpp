@@ -69,7 +69,7 @@ TEST_F(SignIn, EverySidIsNew) {
   EXPECT_THAT(bench.heard(second).front(), HasSubstr(R"("sid":1001)"));
 }
 
-TEST(SignInNumbers, StartAgainAtOneAfterTheHighestAndPassOverThoseInUse) {
+TEST(SignInNumbers, StartAgainAtOneAfterTheHighest) {
   SwitchboardBench bench(std::numeric_limits<int>::max());
   const ConnectionId highest = bench.connect();
   bench.say(highest, viewerSignIn(""));
