@@ -264,7 +264,7 @@ class Probe {
 }  // namespace
 
 int main() {
-  if (initKovraLibrary(3) != 0) return 1;
+  if (initKovraLibrary(2) != 0) return 1;
   static Probe probe;  // its end is the process's, as with the library's connection object
   std::string line;
   while (std::getline(std::cin, line)) {

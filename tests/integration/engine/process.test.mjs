@@ -20,7 +20,7 @@ for (const event of ['answer', 'candidate', 'state', 'audio']) {
     const session = await probe.createSession();
     probe.do('offer', { session, sdp: offer }).catch(() => {});
     const speaking = setInterval(() => watching.speak(0x5a), 20);
-    assert.equal(await probe.exited, 7, probe.complaints);
+    assert.equal(await probe.exited, 7, probe.complaints.items.join('\n'));
     clearInterval(speaking);
   });
 }

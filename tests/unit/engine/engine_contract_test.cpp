@@ -130,6 +130,10 @@ class EngineTest : public testing::Test {
 
   KOVRA_SESSION_ID createSession() { return streamer_.createSession(KovraSessionConfig()); }
 
+  // For what happens inside callbacks, which may still run when the test's body has ended.
+  std::atomic<int> result_{-2};
+  std::atomic<KOVRA_SESSION_ID> inner_{0};
+
   Recorder recorder_;
   KovraStreamer streamer_;
 };
@@ -289,9 +293,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& suite) { return suite.param.name; });
 
 TEST_F(EngineTest, CanBeClosedFromInsideACallback) {
-  std::atomic<int> closed{-2};
-  recorder_.react = [&](const Recorder::Told& told) {
-    if (told.what == "answer") closed = streamer_.closeSession(told.session);
+  recorder_.react = [this](const Recorder::Told& told) {
+    if (told.what == "answer") result_ = streamer_.closeSession(told.session);
   };
   const KOVRA_SESSION_ID sid = createSession();
   ASSERT_EQ(streamer_.setRemoteOffer(sid, makeOffer()), 0);
@@ -299,30 +302,29 @@ TEST_F(EngineTest, CanBeClosedFromInsideACallback) {
   const KOVRA_SESSION_ID next = createSession();
   ASSERT_EQ(streamer_.setRemoteOffer(next, makeOffer()), 0);
   recorder_.waitFor("answer", next);
-  EXPECT_EQ(closed, 0);
+  EXPECT_EQ(result_, 0);
   for (const auto& told : recorder_.all()) EXPECT_FALSE(told.session == sid && told.what == "candidate");
 }
 
 TEST_F(EngineTest, TakesAnyCallFromInsideACallback) {
-  std::atomic<KOVRA_SESSION_ID> second{0};
-  recorder_.react = [&](const Recorder::Told& told) {
+  recorder_.react = [this](const Recorder::Told& told) {
     std::uint8_t byte = 0xff;
     streamer_.addRemoteCandidate(told.session, kHost);
     streamer_.setAudioVideoType(told.session, 1, 2);
     streamer_.writeVideoData(&byte, 1, 0, 0, 1);
     streamer_.writeAudioData(&byte, 1, 0, 0);
-    if (told.what != "answer" || second != 0) return;
-    second = createSession();
-    streamer_.setRemoteOffer(second, makeOffer());
+    if (told.what != "answer" || inner_ != 0) return;
+    inner_ = createSession();
+    streamer_.setRemoteOffer(inner_, makeOffer());
   };
   const KOVRA_SESSION_ID sid = createSession();
   ASSERT_EQ(streamer_.setRemoteOffer(sid, makeOffer()), 0);
   recorder_.waitFor("answer", sid);
-  for (const auto end = std::chrono::steady_clock::now() + kPatience; second == 0;) {
+  for (const auto end = std::chrono::steady_clock::now() + kPatience; inner_ == 0;) {
     ASSERT_LT(std::chrono::steady_clock::now(), end);
     std::this_thread::yield();
   }
-  recorder_.waitFor("answer", second);
+  recorder_.waitFor("answer", inner_);
 }
 
 TEST_F(EngineTest, NeverOverlapsTheCallbacksOfOneSession) {

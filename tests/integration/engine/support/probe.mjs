@@ -13,7 +13,7 @@ if (!program || !sampleMedia) throw new Error('set SIGNALCONN_ENGINE_PROBE and S
 
 export class Probe {
   events = new EventLog();
-  complaints = '';
+  complaints = new EventLog(); // lines on standard error: warnings and errors
   #results = new EventLog();
   #asked = 0;
 
@@ -21,7 +21,7 @@ export class Probe {
     this.process = spawn(program, { stdio: ['pipe', 'pipe', 'pipe'] });
     this.process.stdin.on('error', () => {}); // a probe that died shows by its exit code
     this.exited = new Promise((resolve) => this.process.once('exit', (code, signal) => resolve(code ?? signal)));
-    this.process.stderr.on('data', (text) => (this.complaints += text));
+    readline.createInterface({ input: this.process.stderr }).on('line', (line) => this.complaints.push(line));
     this.stdoutEnded = new Promise((resolve) => {
       readline.createInterface({ input: this.process.stdout }).on('line', (line) => this.#take(line)).on('close', resolve);
     });
@@ -74,7 +74,7 @@ export class Probe {
 
   async stop() {
     this.process.stdin.end();
-    assert.equal(await this.exited, 0, `the probe ends well; it said:\n${this.complaints}`);
+    assert.equal(await this.exited, 0, `the probe ends well; it said:\n${this.complaints.items.join('\n')}`);
     await this.stdoutEnded;
   }
 }
