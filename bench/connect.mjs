@@ -1,0 +1,85 @@
+// How long a viewer waits for the answer, and for the first packet of a key frame, before which nothing can be shown:
+// sessions in sequence, each begun at a random moment of the source's pace, for the engine and for a peer on another
+// stack. Exits with non-zero when the engine misses a limit.
+//
+//   node bench/connect.mjs --build DIRECTORY [--sessions 100] [--only engine]
+import path from 'node:path';
+import { setTimeout as sleep } from 'node:timers/promises';
+import { readOptions } from './options.mjs';
+import { Sender } from './sender.mjs';
+import { makeStreams } from './stream.mjs';
+import { Table } from './table.mjs';
+import { Viewer, endViewers } from './viewer.mjs';
+
+const kFrameMs = 50;
+const kGroupMs = 1000; // between key frames of the fixed source
+const kLongestMs = 20_000;
+
+const { build, sessions, only } = readOptions({ sessions: '100' });
+const streams = makeStreams(path.join(build, 'streams'));
+
+async function connectOnce(sender, phaseMs) {
+  const session = await sender.do('create');
+  const candidates = [];
+  let give = (candidate) => candidates.push(candidate);
+  const viewer = new Viewer({ onCandidate: (candidate) => give(candidate) });
+  const sdp = await viewer.offer();
+  await sleep(Math.random() * phaseMs);
+  const start = performance.now();
+  const answered = new Promise((resolve) => {
+    sender.follow(session, (event) => {
+      if (event.event === 'candidate') viewer.takeCandidate(event.candidate);
+      if (event.event !== 'answer') return;
+      viewer.takeAnswer(event.sdp);
+      resolve(event.micros / 1000);
+    });
+  });
+  sender.do('offer', { session, sdp });
+  give = (candidate) => sender.ask('candidate', { session, candidate: JSON.stringify(candidate) });
+  candidates.forEach(give);
+  const timer = new AbortController();
+  const first = await Promise.race([viewer.firstKeyFrame, sleep(kLongestMs, null, timer)]);
+  timer.abort();
+  if (first === null) throw new Error('no key frame came');
+  await sender.close(session);
+  viewer.close();
+  return { answer: await answered, video: first - start };
+}
+
+const quantile = (values, q) => [...values].sort((a, b) => a - b)[Math.min(values.length - 1, Math.floor(values.length * q))];
+
+async function measure(program, source, phaseMs) {
+  const sender = new Sender(program);
+  await sender.do('start', source);
+  const results = [];
+  while (results.length < Number(sessions)) results.push(await connectOnce(sender, phaseMs));
+  await sender.stop();
+  const both = (values) => ({ median: quantile(values, 0.5), p95: quantile(values, 0.95) });
+  return { answer: both(results.map(({ answer }) => answer)), video: both(results.map(({ video }) => video)) };
+}
+
+const onDemand = { stream: streams.endless, keys: streams.keys };
+const measureAll = async (program) => ({
+  atOnce: await measure(program, { ...onDemand, atOnce: true }, kFrameMs),
+  next: await measure(program, onDemand, kFrameMs),
+  fixed: await measure(program, { stream: streams.fixed }, kGroupMs),
+});
+const engine = await measureAll(path.join(build, 'bench/bench_sender'));
+const peer = only === 'engine' ? null : await measureAll(path.join(build, 'bench/peer'));
+endViewers();
+
+const table = new Table(['engine', 'pion']);
+const row = (what, get, most) => {
+  table.row(`${what}, ms`, [get(engine), peer && get(peer)], 1);
+  if (most !== undefined) table.limit(get(engine), most, `at most ${most}`);
+};
+row('offer to answer, median', (result) => result.atOnce.answer.median, 2);
+row('offer to answer, p95', (result) => result.atOnce.answer.p95);
+row('offer to key frame, made at once when asked for, median', (result) => result.atOnce.video.median, 30);
+row('the same, p95', (result) => result.atOnce.video.p95, 70);
+row('offer to key frame, in place of the next frame when asked for, median', (result) => result.next.video.median);
+row('the same, p95', (result) => result.next.video.p95);
+row('offer to key frame, one a second, median', (result) => result.fixed.video.median);
+row('the same, p95', (result) => result.fixed.video.p95);
+table.print();
+process.exitCode = table.missed ? 1 : 0;
