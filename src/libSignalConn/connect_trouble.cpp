@@ -25,6 +25,8 @@ const Explanation kExplanations[] = {
     {"self signed", kUnknownAuthority},
     {"self-signed", kUnknownAuthority},
     {"unable to get local issuer", kUnknownAuthority},
+    {"certificate signature failure", kUnknownAuthority},
+    {"X509_V_ERR = 7:", kUnknownAuthority},
     {"X509_V_ERR = 18:", kUnknownAuthority},
     {"X509_V_ERR = 19:", kUnknownAuthority},
     {"X509_V_ERR = 20:", kUnknownAuthority},

@@ -40,8 +40,8 @@ CertificatePointer NewCertificate(const std::string& commonName, EVP_PKEY* key, 
 
 }  // namespace
 
-TestAuthority::TestAuthority() : key_(EVP_EC_gen("P-256")) {
-  certificate_ = NewCertificate("Test authority", key_.get(), {-3650, 3650});
+TestAuthority::TestAuthority(const std::string& name) : key_(EVP_EC_gen("P-256")) {
+  certificate_ = NewCertificate(name, key_.get(), {-3650, 3650});
   X509* x509 = certificate_.get();
   X509_set_issuer_name(x509, X509_get_subject_name(x509));
   AddExtension(x509, NID_basic_constraints, "critical,CA:TRUE");

@@ -28,7 +28,7 @@ struct Validity {
 // A certificate authority of the test's own.
 class TestAuthority {
  public:
-  TestAuthority();
+  explicit TestAuthority(const std::string& name = "Test authority");
   // Its certificate, for a client's list of trusted ones.
   std::string Pem() const;
   // What a server needs to present a certificate for the DNS name host, signed by this authority.

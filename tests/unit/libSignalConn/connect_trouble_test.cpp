@@ -24,6 +24,8 @@ TEST(ConnectTrouble, CertificatesAreToldInPlainWordsWhereverTheReasonStands) {
       {"self signed certificate", "the server's certificate comes from an unknown authority"},
       {"self-signed certificate in certificate chain", "the server's certificate comes from an unknown authority"},
       {"unable to get local issuer certificate", "the server's certificate comes from an unknown authority"},
+      {"certificate signature failure", "the server's certificate comes from an unknown authority"},
+      {"X509_V_ERR = 7: x", "the server's certificate comes from an unknown authority"},
       {"X509_V_ERR = 20: x", "the server's certificate comes from an unknown authority"},
   };
   for (const auto& one : cases) {
