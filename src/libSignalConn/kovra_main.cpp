@@ -52,8 +52,17 @@ std::string PrintJson(const Json& json) {
   return text.get();
 }
 
+// The application's encoder threads run on while exit() destroys the object, and after: they look here before they
+// touch it.
+ExitGate mediaGate;
+
+struct EndOfMedia {
+  ~EndOfMedia() { mediaGate.ShutAndWait(kWaitForCallersMs); }
+};
+
 SignalConn& kovraGet() {
   static SignalConn sConn;
+  static EndOfMedia endOfMedia;  // comes before the destruction of sConn
   return sConn;
 }
 
@@ -432,8 +441,6 @@ int SignalConn::sendMessageToPeer(std::string msgType, KOVRA_SESSION_ID sid, con
 // ---- Media
 
 int SignalConn::writeVideoData(std::uint8_t* data, std::size_t size, int videoType) {
-  const ExitGate::Pass pass(&gate_);
-  if (!pass) return 0;
   const int flags = getVideoPacketFlags(data, size);
   const int wantIFrame =
       streamer_.writeVideoData(data, size, static_cast<std::int64_t>(videoTimestamp), flags, videoType);
@@ -442,8 +449,6 @@ int SignalConn::writeVideoData(std::uint8_t* data, std::size_t size, int videoTy
 }
 
 int SignalConn::writeAudioData(std::uint8_t* data, std::size_t size) {
-  const ExitGate::Pass pass(&gate_);
-  if (!pass) return 0;
   const int result = streamer_.writeAudioData(data, size, static_cast<std::int64_t>(audioTimestamp), kPcmuAudioType);
   audioTimestamp += kAudioTimestampStep;
   return result;
@@ -567,11 +572,13 @@ void kovraRun(bool bInTread) {
 void kovraRegisterAudioCB(void (*cb)(void* data, size_t len)) { kovraGet().setAudioCB(cb); }
 
 int kovraOnVideoFrame(void* data, size_t len, int /*frameType*/, int videoType) {
-  return kovraGet().writeVideoData(static_cast<std::uint8_t*>(data), len, videoType);
+  const ExitGate::Pass pass(&mediaGate);
+  return pass ? kovraGet().writeVideoData(static_cast<std::uint8_t*>(data), len, videoType) : 0;
 }
 
 int kovraOnAudioFrame(void* data, size_t len) {
-  kovraGet().writeAudioData(static_cast<std::uint8_t*>(data), len);
+  const ExitGate::Pass pass(&mediaGate);
+  if (pass) kovraGet().writeAudioData(static_cast<std::uint8_t*>(data), len);
   return 0;
 }
 

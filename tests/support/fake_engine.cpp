@@ -86,6 +86,11 @@ void FakeEngine::Emit(std::function<void(KovraStreamerCallback&)> event) {
   }).detach();
 }
 
+bool FakeEngine::Ending() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ending_;
+}
+
 void FakeEngine::EmitAndWait(const std::function<void(KovraStreamerCallback&)>& event) {
   KovraStreamerCallback* callback = Callback();
   if (callback == nullptr) return;
@@ -116,11 +121,13 @@ int FakeEngine::Handle(EngineCall call) {
 void FakeEngine::Register(KovraStreamerCallback* callback) {
   const std::lock_guard<std::mutex> lock(mutex_);
   callback_ = callback;
+  ending_ = false;
 }
 
 void FakeEngine::StreamerGone() {
   std::unique_lock<std::mutex> lock(mutex_);
   callback_ = nullptr;
+  ending_ = true;
   if (!onEngineThread) changed_.wait(lock, [this] { return eventsUnderWay_ == 0; });
 }
 

@@ -72,6 +72,8 @@ class FakeEngine {
   // Runs event on a new engine thread, which destruction of the streamer waits for (unless it runs there
   // itself), and does nothing once the streamer is gone.
   void Emit(std::function<void(KovraStreamerCallback&)> event);
+  // Whether the streamer is being destroyed, for events that go on until then.
+  bool Ending();
   // As Emit, and returns when event has.
   void EmitAndWait(const std::function<void(KovraStreamerCallback&)>& event);
 
@@ -88,6 +90,7 @@ class FakeEngine {
   KovraStreamerCallback* callback_ = nullptr;
   KOVRA_SESSION_ID lastSession_ = 0;
   int eventsUnderWay_ = 0;
+  bool ending_ = false;
 };
 
 }  // namespace support

@@ -63,7 +63,7 @@ void KeepCalling() {
   }).detach();
   FakeEngine::Get().Emit([](KovraStreamerCallback& callback) {
     char frame[160] = {};
-    for (int i = 0; i < 3000; ++i) {
+    while (!FakeEngine::Get().Ending()) {
       callback.onAudioFrame(1, frame, sizeof frame);
       callback.onIceCandidate(1, "candidate:1");
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
