@@ -17,7 +17,6 @@ using support::EngineOperation;
 using support::FakeEngine;
 using support::RecordingServer;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 std::atomic<bool> serviceFails{false};
 
