@@ -26,7 +26,6 @@ std::string Contents(const UniqueFd& file) {
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::string& directory)
     : output_(memfd_create("output", MFD_CLOEXEC)), errors_(memfd_create("errors", MFD_CLOEXEC)) {
   std::vector<char*> argv;
-  argv.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   pid_ = fork();

@@ -17,7 +17,6 @@ using support::EncodeHeader;
 using support::Frame;
 using support::ScriptedServer;
 using support::ServerConnection;
-using support::ServerOptions;
 
 using Connection = std::unique_ptr<ServerConnection>;
 

@@ -15,7 +15,6 @@
 namespace support {
 namespace {
 
-using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;

@@ -237,7 +237,7 @@ INSTANTIATE_TEST_SUITE_P(
     All, EngineBadOfferTest,
     testing::Values(
         BadOffer{"Empty", ""}, BadOffer{"Garbage", "garbage"}, BadOffer{"Json", "{\"type\":\"offer\"}"},
-        BadOffer{"NoSections", kSessionPart}, BadOffer{"Binary", std::string("v=0\r\n\0\xff\x80m=video", 16)},
+        BadOffer{"NoSections", kSessionPart}, BadOffer{"Binary", std::string("v=0\r\n\0\xff\x80m=video", 15)},
         BadOffer{"NoFingerprint", without(makeOffer(), "a=fingerprint")},
         BadOffer{"NoUfrag", without(makeOffer(), "a=ice-ufrag")},
         BadOffer{"NoPassword", without(makeOffer(), "a=ice-pwd")},

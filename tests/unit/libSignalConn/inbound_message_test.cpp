@@ -7,7 +7,6 @@ namespace {
 
 using support::EngineCall;
 using support::EngineOperation;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::ExitedWithCode;
 using testing::IsEmpty;

@@ -10,7 +10,6 @@ namespace signalconn::server {
 namespace {
 
 using std::chrono::seconds;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
