@@ -82,6 +82,12 @@ const char* findMissing(const GstSDPMessage* sdp, const GstSDPMedia* media) {
   return nullptr;
 }
 
+// That of the first section, onto whose transport the others are bundled.
+std::string findFingerprint(const GstSDPMessage* sdp) {
+  const gchar* own = gst_sdp_media_get_attribute_val(gst_sdp_message_get_media(sdp, 0), "fingerprint");
+  return own != nullptr ? own : gst_sdp_message_get_attribute_val(sdp, "fingerprint");
+}
+
 void chooseTrack(const GstSDPMedia* media, unsigned int mlineIndex, Offer& offer) {
   const std::string kind = gst_sdp_media_get_media(media);
   if (kind == "video" && !offer.video) offer.video = chooseH264(media, mlineIndex);
@@ -108,7 +114,10 @@ std::optional<Offer> readOffer(const std::string& text, std::string& whyNot) {
     offer.mids.emplace_back(gst_sdp_media_get_attribute_val(media, "mid"));
     chooseTrack(media, i, offer);
   }
-  if (offer.video || offer.audio) return offer;
+  if (offer.video || offer.audio) {
+    offer.fingerprint = findFingerprint(sdp);
+    return offer;
+  }
   whyNot = "neither H.264 in packetization-mode 1 nor PCMU is offered";
   return std::nullopt;
 }

@@ -25,6 +25,7 @@ struct FreeSdp {
 struct Offer {
   std::unique_ptr<GstSDPMessage, FreeSdp> sdp;
   std::vector<std::string> mids;      // of every section
+  std::string fingerprint;            // of the viewer's certificate, as in a=fingerprint
   std::optional<OfferedTrack> video;  // H.264 in packetization-mode 1
   std::optional<OfferedTrack> audio;  // PCMU
 };

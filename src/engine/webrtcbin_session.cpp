@@ -3,12 +3,18 @@
 #include <gst/app/gstappsink.h>
 #include <gst/rtp/gstrtpbuffer.h>
 
+#include <utility>
+
 #include "webrtcbin_candidate.h"
+#include "webrtcbin_fingerprint.h"
 
 namespace engine {
 namespace {
 
 constexpr std::chrono::seconds kSetUpTimeout{30};
+// After this an answer without trickle goes out with the candidates that there are: a server that is not there can
+// keep webrtcbin gathering for ever.
+constexpr std::chrono::seconds kGatheringTimeout{10};
 constexpr std::size_t kMaxEarlyCandidates = 100;
 
 using SessionRef = std::shared_ptr<Session>;
@@ -114,9 +120,7 @@ std::optional<RtpTrack> makeRtpTrack(std::optional<SendingTrack>& track) {
 }  // namespace
 
 Session::Session(SessionHost& host, KOVRA_SESSION_ID sid, KovraSessionConfig config)
-    : host_(host), sid_(sid), config_(std::move(config)) {
-  say(LogLevel::kSession, "opened");
-}
+    : host_(host), sid_(sid), config_(std::move(config)) {}
 
 void Session::say(LogLevel level, const std::string& text) const {
   log(level, "session " + std::to_string(sid_) + ": " + text);
@@ -166,6 +170,7 @@ void Session::begin(Offer& offer) {
   host_.pipelineBegan();
   pipeline_ = buildPipeline(config_, offer);
   mids_ = offer.mids;
+  fingerprint_ = offer.fingerprint;
   enter(KOVRA_STATE_NEW);
   host_.control().postAt(Control::Clock::now() + kSetUpTimeout, [weak = weak_from_this()] {
     if (const SessionRef self = weak.lock()) self->failUnlessConnected();
@@ -203,7 +208,7 @@ void Session::watchDtls() {
   GstWebRTCDTLSTransport* transport = nullptr;
   g_object_get(sender, "transport", &transport, nullptr);
   if (transport == nullptr) return;
-  const Owned<GstWebRTCDTLSTransport> ownedTransport(transport);
+  dtls_.reset(transport);
   connectSignal(transport, "notify::state", G_CALLBACK(handleDtlsState), *this);
 }
 
@@ -261,12 +266,18 @@ void Session::applyAnswer(const GstStructure* reply) {
 
 void Session::deliverAnswer(const GstSDPMessage* sdp) {
   KovraStreamerCallback* callback = host_.callback();
+  if (std::exchange(answered_, true)) return;
   if (callback != nullptr && !closed_) callback->onAnswer(sid_, toText(sdp));
 }
 
 void Session::finishNegotiation(const GstStructure*) {
   negotiated_ = true;
   watchDtls();
+  if (!config_.trickleIce) {
+    host_.control().postAt(Control::Clock::now() + kGatheringTimeout, [weak = weak_from_this()] {
+      if (const SessionRef self = weak.lock()) self->deliverGatheredAnswer();
+    });
+  }
   for (const std::string& line : earlyCandidates_) giveCandidate(line);
   earlyCandidates_.clear();
 }
@@ -327,12 +338,16 @@ void Session::failUnlessConnected() {
 
 void Session::enter(KOVRA_STATE state) {
   if (closed_ || state == state_) return;
+  if (state == KOVRA_STATE_CONNECTED && !wasConnected_) {
+    if (!isOfferedCertificate()) {
+      say(LogLevel::kWarning, "fails: the viewer's certificate is not the one that its offer announced");
+      enter(KOVRA_STATE_FAILED);
+      return;
+    }
+    beginMedia();
+  }
   state_ = state;
   say(LogLevel::kEverything, "state " + std::to_string(state));
-  if (state == KOVRA_STATE_CONNECTED && !wasConnected_) {
-    wasConnected_ = true;
-    media_.open(makeRtpTrack(pipeline_.video), makeRtpTrack(pipeline_.audio));
-  }
   if (state == KOVRA_STATE_FAILED || state == KOVRA_STATE_CLOSED) {
     if (closed_.exchange(true)) return;
     say(LogLevel::kSession, state == KOVRA_STATE_FAILED ? "failed" : "closed by the viewer");
@@ -342,6 +357,20 @@ void Session::enter(KOVRA_STATE state) {
   if (KovraStreamerCallback* callback = host_.callback()) callback->onStateChange(sid_, state);
 }
 
+void Session::beginMedia() {
+  wasConnected_ = true;
+  media_.open(makeRtpTrack(pipeline_.video), makeRtpTrack(pipeline_.audio));
+}
+
+// webrtcbin takes any certificate, so that whoever sits on the path could watch.
+bool Session::isOfferedCertificate() const {
+  if (!dtls_) return false;
+  gchar* pem = nullptr;
+  g_object_get(dtls_.get(), "remote-certificate", &pem, nullptr);
+  const OwnedText owned(pem);
+  return pem != nullptr && matchesFingerprint(pem, fingerprint_);
+}
+
 void Session::takeDown() {
   media_.close();
   // webrtcbin loses its ICE agent for good when it goes while it negotiates: the reply brings us back here.
@@ -349,6 +378,7 @@ void Session::takeDown() {
   gst_element_set_state(pipeline_.bin.get(), GST_STATE_NULL);
   const Owned<GstBus> bus(gst_element_get_bus(pipeline_.bin.get()));
   gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
+  dtls_.reset();
   pipeline_ = Pipeline();
   host_.pipelineEnded();
 }
@@ -367,7 +397,7 @@ void Session::onIncomingPad(GstPad* pad) {
 void Session::onVoicePacket(GstBuffer* packet) {
   KovraStreamerCallback* callback = host_.callback();
   GstRTPBuffer rtp = GST_RTP_BUFFER_INIT;
-  if (closed_ || callback == nullptr || !gst_rtp_buffer_map(packet, GST_MAP_READ, &rtp)) return;
+  if (closed_ || !wasConnected_ || callback == nullptr || !gst_rtp_buffer_map(packet, GST_MAP_READ, &rtp)) return;
   const guint length = gst_rtp_buffer_get_payload_len(&rtp);
   if (length > 0) {
     const EngineThreadMark mark;

@@ -70,6 +70,8 @@ class Session : public std::enable_shared_from_this<Session> {
   void deliverGatheredAnswer();
   void giveCandidate(const std::string& line);
   void enter(KOVRA_STATE state);
+  void beginMedia();
+  bool isOfferedCertificate() const;
   void failUnlessConnected();
   void takeDown();
   void say(LogLevel level, const std::string& text) const;
@@ -80,15 +82,18 @@ class Session : public std::enable_shared_from_this<Session> {
   OutgoingMedia media_;
   std::atomic<bool> offered_{false};
   std::atomic<bool> closed_{false};
+  std::atomic<bool> wasConnected_{false};  // to the viewer that made the offer
 
   // Control thread only.
   Pipeline pipeline_;
+  Owned<GstWebRTCDTLSTransport> dtls_;
   std::vector<std::string> mids_;
+  std::string fingerprint_;
   std::vector<std::string> earlyCandidates_;
   KOVRA_STATE state_ = KOVRA_STATE_NONE;
-  bool wasConnected_ = false;
   bool awaitsReply_ = false;
   bool negotiated_ = false;
+  bool answered_ = false;
 };
 
 }  // namespace engine

@@ -47,6 +47,8 @@ class KovraStreamer::Impl : public engine::SessionHost {
   void pipelineBegan() override { ++pipelines_; }
   void pipelineEnded() override { --pipelines_; }
 
+  Impl* retiredBefore = nullptr;  // of all that have been shut down
+
  private:
   template <typename Predicate>
   std::vector<SessionRef> select(Predicate wanted);
@@ -69,12 +71,17 @@ class KovraStreamer::Impl : public engine::SessionHost {
 };
 
 KOVRA_SESSION_ID KovraStreamer::Impl::createSession(const KovraSessionConfig& config) {
-  const std::lock_guard<std::mutex> lock(tableMutex_);
-  if (!works_ || isShutDown_) return 0;
-  do lastId_ = lastId_ == INT32_MAX ? 1 : lastId_ + 1;
-  while (sessions_.count(lastId_) > 0);
-  sessions_.emplace(lastId_, std::make_shared<engine::Session>(*this, lastId_, config));
-  return lastId_;
+  KOVRA_SESSION_ID sid = 0;
+  {
+    const std::lock_guard<std::mutex> lock(tableMutex_);
+    if (!works_ || isShutDown_) return 0;
+    do lastId_ = lastId_ == INT32_MAX ? 1 : lastId_ + 1;
+    while (sessions_.count(lastId_) > 0);
+    sid = lastId_;
+    sessions_.emplace(sid, std::make_shared<engine::Session>(*this, sid, config));
+  }
+  engine::log(LogLevel::kSession, "session " + std::to_string(sid) + ": opened");
+  return sid;
 }
 
 KovraStreamer::Impl::SessionRef KovraStreamer::Impl::find(KOVRA_SESSION_ID sid) {
@@ -139,12 +146,10 @@ KovraStreamer::KovraStreamer() : impl_(std::make_unique<Impl>()) {}
 // thread is still at work. What they use stays for good: an empty table and its locks. Calls that come after this
 // find either that or no implementation at all, which is why every operation looks.
 KovraStreamer::~KovraStreamer() {
-  static std::mutex mutex;
-  static auto* const retired = new std::vector<Impl*>;  // keeps them in sight of leak checkers
+  static std::atomic<Impl*> lastRetired{nullptr};
   impl_->shutDown();
-  const std::lock_guard<std::mutex> lock(mutex);
-  retired->push_back(impl_.get());
-  impl_.release();
+  Impl* const impl = impl_.release();
+  impl->retiredBefore = lastRetired.exchange(impl);  // in sight of leak checkers
 }
 
 void KovraStreamer::registerCallback(KovraStreamerCallback* callback) {

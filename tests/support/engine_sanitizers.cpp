@@ -3,8 +3,6 @@
 
 extern "C" {
 
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizers chose the names.
-
 // Whole call stacks, to tell the leak below from others.
 const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
 
@@ -23,7 +21,5 @@ const char* __tsan_default_suppressions() {
   return "race_top:std::__uniq_ptr_impl<KovraStreamer::Impl\n"
          "race:sessionOf\n";
 }
-
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 }  // extern "C"

@@ -72,6 +72,18 @@ test('the engine connects to a viewer that it learns of by its checks only', () 
   await probe.state(viewer.session, State.CONNECTED);
 }));
 
+test('a viewer whose certificate is not the one that its offer announced gets nothing', () => withProbe(async (probe) => {
+  await probe.startVideo();
+  const viewer = new Viewer(probe);
+  const offer = await viewer.makeOffer();
+  viewer.session = await probe.createSession();
+  const other = offer.replace(/^(a=fingerprint:sha-256 )../gm, (line, start) => start + (line.endsWith('00') ? '11' : '00'));
+  await viewer.callWith(other);
+  await probe.state(viewer.session, State.FAILED, { patience: 120_000 });
+  assert.ok(!probe.states(viewer.session).includes(State.CONNECTED));
+  assert.equal(viewer.video.items.length, 0);
+}));
+
 test('an offer without H.264 is answered for its PCMU alone', () => withProbe(async (probe) => {
   const viewer = new Viewer(probe);
   const offer = await viewer.makeOffer();

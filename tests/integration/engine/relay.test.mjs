@@ -55,3 +55,11 @@ test('a STUN server that does not answer and a URL that cannot be read hold noth
   await probe.complaints.find((line) => line.includes('carrier-pigeon'), 'a line about the URL');
   assert.equal(probe.complaints.items.length, 1, probe.complaints.items.join('\n'));
 }));
+
+test('a server name that cannot be resolved holds nothing up for ever, with all candidates in the answer', () => withProbe(async (probe) => {
+  const iceServers = [{ url: 'stun:no-such-host.invalid:3478' }];
+  const viewer = new Viewer(probe, { session: { trickleIce: false, iceServers } });
+  await viewer.connect();
+  assert.match(viewer.answerSdp, /^a=candidate:/m);
+  assert.equal(probe.events.items.filter(({ event }) => event === 'answer').length, 1);
+}));

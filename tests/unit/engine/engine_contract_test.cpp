@@ -329,8 +329,8 @@ TEST_F(EngineTest, TakesAnyCallFromInsideACallback) {
 
 TEST_F(EngineTest, NeverOverlapsTheCallbacksOfOneSession) {
   recorder_.react = [](const Recorder::Told&) { std::this_thread::sleep_for(std::chrono::milliseconds(5)); };
-  std::vector<KOVRA_SESSION_ID> ids;
-  for (int i = 0; i < 5; ++i) ids.push_back(createSession());
+  std::vector<KOVRA_SESSION_ID> ids(5);
+  for (KOVRA_SESSION_ID& sid : ids) sid = createSession();
   for (const KOVRA_SESSION_ID sid : ids) ASSERT_EQ(streamer_.setRemoteOffer(sid, makeOffer()), 0);
   for (const KOVRA_SESSION_ID sid : ids) recorder_.waitFor("candidate", sid);
   EXPECT_FALSE(recorder_.hasOverlapped());
@@ -405,9 +405,9 @@ KovraStreamer& processWideStreamer() {
 
 [[noreturn]] void exitWhileOthersCall() {
   KovraStreamer& streamer = processWideStreamer();
-  std::vector<std::thread> callers;
-  for (int i = 0; i < 4; ++i) {
-    callers.emplace_back([&streamer] {
+  std::thread callers[4];
+  for (std::thread& caller : callers) {
+    caller = std::thread([&streamer] {
       std::uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
       while (true) {
         streamer.writeVideoData(frame, sizeof(frame), 0, 0, 1);
