@@ -244,6 +244,8 @@ void* SendHeartbeatThread(void* args) {
 // ---- Inbound messages
 
 void SignalConn::onMessage(const std::string& message) {
+  const ExitGate::Pass pass(&gate_);
+  if (!pass) return;
   puts("-------------------- OnMessage start -----------------");
   if (handleSignalMessage(message) < 0) {
     printf("onMessage failed: %s\n", message.substr(0, kLoggedTextBytes).c_str());

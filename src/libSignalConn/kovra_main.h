@@ -92,8 +92,8 @@ class SignalConn : public SignalClientCallback, public KovraStreamerCallback {
   std::uint64_t videoTimestamp;
   std::atomic<AudioCallback> audioCB_;
   pthread_t heartbeatThread_;
-  bool loginOK_;
-  bool connectOK_;
+  std::atomic<bool> loginOK_;
+  [[maybe_unused]] bool connectOK_;
   std::atomic<int> uid_;
   std::string cid_;
   std::string key_;
