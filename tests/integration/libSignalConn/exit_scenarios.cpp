@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "fake_engine.h"
+#include "fake_resolver.h"
 
 namespace {
 
@@ -150,6 +151,20 @@ int ExitAfterAFailedInit() {
   End(7);
 }
 
+int ExitWhileResolving() {
+  support::FakeResolver::Get().Hang();
+  Init("server.example");
+  End(7);
+}
+
+int ExitWhileServingAndResolving() {
+  support::FakeResolver::Get().Hang();
+  Init("server.example");
+  std::thread([] { End(7); }).detach();
+  kovraRun(false);
+  return 0;
+}
+
 int ExitWithoutInit() {
   kovraRegisterAudioCB(EndInsideAudioCallback);
   End(7);
@@ -227,6 +242,8 @@ const std::map<std::string, std::function<int()>> kScenarios{
     {"ExitRightAfterInit", ExitRightAfterInit},
     {"ReturnRightAfterInit", ReturnRightAfterInit},
     {"ExitAfterAFailedInit", ExitAfterAFailedInit},
+    {"ExitWhileResolving", ExitWhileResolving},
+    {"ExitWhileServingAndResolving", ExitWhileServingAndResolving},
     {"ExitWithoutInit", ExitWithoutInit},
     {"ExitInsideTheAudioCallback", ExitInsideTheAudioCallback},
     {"ExitInsideTheAudioCallbackWhileEverybodyCalls", ExitInsideTheAudioCallbackWhileEverybodyCalls},
