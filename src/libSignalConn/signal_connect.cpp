@@ -209,6 +209,8 @@ bool KovraSignalClient::ConnectTo(const std::string& address) {
 void KovraSignalClient::OnEstablished(lws* wsi) {
   if (wsi != _wsi) return;  // an attempt that was given up
   lws_sul_cancel(&_link->stage.entry);
+  _link->addresses.clear();  // after this link the next attempt starts over, with the name
+  _link->nextAddress = 0;
   _link->loginDue = true;
   _connected = true;
   SetOutcome(0);

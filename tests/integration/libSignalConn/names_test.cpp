@@ -13,6 +13,7 @@ using support::FakeResolver;
 using support::ScriptedServer;
 using support::ServerOptions;
 
+const std::chrono::duration<double> kSlack{2};  // for a busy machine
 const char kName[] = "server.example";
 
 ServerOptions At(const std::string& address, int port = 0, bool listening = true) {
@@ -59,7 +60,7 @@ TEST_F(Names, ConnectWaitsThreeSecondsForAHangingResolver) {
   resolver_.Hang();
   const auto start = Clock::now();
   Connect(kName, 80);
-  EXPECT_LT(Clock::now() - start, milliseconds(3500));
+  EXPECT_LT(Clock::now() - start, seconds(3) + kSlack);
 }
 
 TEST_F(Names, AHangingResolverHoldsUpNeitherTheServiceNorTheQueue) {
@@ -69,7 +70,7 @@ TEST_F(Names, AHangingResolverHoldsUpNeitherTheServiceNorTheQueue) {
   for (int round = 0; round < 5; ++round) {
     const auto start = Clock::now();
     ASSERT_GE(client_.lwsService(), 0);
-    EXPECT_LT(Clock::now() - start, milliseconds(250 + 250));  // the second half for a busy machine
+    EXPECT_LT(Clock::now() - start, milliseconds(250) + kSlack);
   }
   EXPECT_EQ(client_.sendMessage("queued meanwhile"), 0);
   StartService();
@@ -105,7 +106,7 @@ TEST_F(Names, DestructionDoesNotWaitForAHangingResolver) {
   client->connect(kName, 80);
   const auto start = Clock::now();
   client.reset();
-  EXPECT_LT(Clock::now() - start, seconds(2));
+  EXPECT_LT(Clock::now() - start, kSlack);
   resolver_.Resume();
 }
 
@@ -120,7 +121,7 @@ TEST_F(Names, ADeadAddressCostsTwoSeconds) {
   ASSERT_NE(SignedIn(live), nullptr);
   const std::chrono::duration<double> took = Clock::now() - start;
   EXPECT_GE(took.count(), 1.5);
-  EXPECT_LT(took.count(), 2 + 1.5);  // the second part for a busy machine
+  EXPECT_LT(took.count(), 2 + kSlack.count());
 }
 
 TEST_F(Names, ThreeDeadAddressesCostTwoSecondsEach) {
@@ -134,7 +135,7 @@ TEST_F(Names, ThreeDeadAddressesCostTwoSecondsEach) {
   Connect(kName, live.Port());
   StartService();
   ASSERT_NE(SignedIn(live), nullptr);
-  EXPECT_LT(Clock::now() - start, seconds(6 + 2));
+  EXPECT_LT(Clock::now() - start, seconds(6) + kSlack);
 }
 
 TEST_F(Names, ARefusingAddressCostsNothing) {
@@ -145,7 +146,7 @@ TEST_F(Names, ARefusingAddressCostsNothing) {
   EXPECT_EQ(Connect(kName, live.Port()), 0);
   StartService();
   ASSERT_NE(SignedIn(live), nullptr);
-  EXPECT_LT(Clock::now() - start, milliseconds(1500));
+  EXPECT_LT(Clock::now() - start, kSlack);
 }
 
 TEST_F(Names, FailsWhenEveryAddressRefuses) {
@@ -161,7 +162,8 @@ TEST_F(Names, Ipv6GoesFirstWhenTheResolverSaysSo) {
   resolver_.Answer(kName, {"::1", "127.0.0.1"});
   EXPECT_EQ(Connect(kName, v6.Port()), 0);
   StartService();
-  EXPECT_NE(SignedIn(v6), nullptr);
+  const auto connection = SignedIn(v6);
+  EXPECT_NE(connection, nullptr);
   EXPECT_EQ(v4.Accept(milliseconds(300)), nullptr);
 }
 
@@ -183,7 +185,7 @@ TEST_F(Names, Ipv4FollowsTwoSecondsAfterADeadIpv6) {
   Connect(kName, v4.Port());
   StartService();
   ASSERT_NE(SignedIn(v4), nullptr);
-  EXPECT_LT(Clock::now() - start, milliseconds(2000 + 1500));
+  EXPECT_LT(Clock::now() - start, seconds(2) + kSlack);
 }
 
 TEST_F(Names, AnAddressThatAnswersTcpKeepsItsTenSeconds) {
@@ -210,7 +212,21 @@ TEST_F(Names, ASilentAddressIsFollowedByTheNextAfterTenSeconds) {
   const auto connection = silent.Accept();
   ASSERT_NE(SignedIn(live), nullptr);
   const std::chrono::duration<double> took = Clock::now() - start;
-  EXPECT_NEAR(took.count(), 10, 2);
+  EXPECT_NEAR(took.count(), 10, kSlack.count());
+}
+
+TEST_F(Names, ALostLinkStartsOverWithTheFirstAddress) {
+  ScriptedServer first;
+  ScriptedServer second(At("127.0.0.2", first.Port()));
+  resolver_.Answer(kName, {"127.0.0.1", "127.0.0.2"});
+  EXPECT_EQ(Connect(kName, first.Port()), 0);
+  StartService();
+  auto connection = SignedIn(first);
+  ASSERT_NE(connection, nullptr);
+  connection->Reset();
+  EXPECT_NE(SignedIn(first), nullptr);
+  EXPECT_EQ(second.Accept(milliseconds(0)), nullptr);
+  EXPECT_EQ(resolver_.LookupsOf(kName), 2);
 }
 
 TEST_F(Names, EveryAttemptAsksTheResolverAnew) {
