@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include "captured_output.h"
@@ -80,7 +81,7 @@ TEST_F(SignalClient, ConnectToAClosedPortFailsAndTheServiceGoesOnUntilTheServerI
   ScriptedServer server(Closed());
   const auto start = Clock::now();
   EXPECT_LT(Connect(server.Address(), server.Port()), 0);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3 + 2));  // 2 s for a busy machine
   EXPECT_FALSE(client_.isConnected());
   for (int round = 0; round < 3; ++round) EXPECT_GE(client_.lwsService(), 0);
   StartService();
@@ -102,7 +103,7 @@ TEST_F(SignalClient, ConnectToAnyLoopbackAddressThatIsClosedFails) {
 TEST_F(SignalClient, ConnectToAnUnknownNameFails) {
   const auto start = Clock::now();
   EXPECT_LT(Connect("no-such-host.invalid", 80), 0);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3 + 2));  // 2 s for a busy machine
   EXPECT_GE(client_.lwsService(), 0);
 }
 
@@ -366,7 +367,7 @@ TEST_F(SignalClient, ARoundIsShortWhenNothingHappens) {
     const auto start = Clock::now();
     ASSERT_GE(client_.lwsService(), 0);
     const auto took = Clock::now() - start;
-    EXPECT_LT(took, std::chrono::milliseconds(250 + 250));  // the second half for a busy machine
+    EXPECT_LT(took, std::chrono::milliseconds(250) + std::chrono::seconds(1));  // 1 s for a busy machine
   }
 }
 
@@ -376,6 +377,8 @@ TEST_F(SignalClient, AnIdleServiceTakesLittleProcessorTimeAndWakesFewTimes) {
   StopService();
   const auto processorStart = ProcessorTime();
   const auto start = Clock::now();
+  rusage before{};
+  getrusage(RUSAGE_THREAD, &before);
   int rounds = 0;
   while (Clock::now() - start < std::chrono::seconds(4)) {
     client_.lwsService();
@@ -385,6 +388,9 @@ TEST_F(SignalClient, AnIdleServiceTakesLittleProcessorTimeAndWakesFewTimes) {
   const std::chrono::duration<double> processor = ProcessorTime() - processorStart;
   EXPECT_LT(processor.count(), 0.01 * took.count());
   EXPECT_LE(rounds, 5 * took.count() + 1);
+  rusage after{};
+  getrusage(RUSAGE_THREAD, &after);
+  EXPECT_LE(static_cast<double>(after.ru_nvcsw - before.ru_nvcsw), 5 * took.count() + 1);  // each a wake-up
 }
 
 TEST_F(SignalClient, ServiceBeforeConnectIsHarmlessAndDoesNotSpin) {
