@@ -55,8 +55,8 @@ int KovraSignalClient::connect(std::string server, int port) {
     _server = std::move(server);
     _port = port;
     _connectAsked = true;
+    _link->outcomeKnown.Reset();
   }
-  _link->outcomeKnown.Reset();
   if (_driven && pthread_equal(_driver, pthread_self())) return 0;  // inside onMessage: the next round starts it
 
   const bool servedElsewhere = _served && !pthread_equal(_serviceThread, pthread_self());

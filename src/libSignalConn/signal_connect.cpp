@@ -287,6 +287,8 @@ void KovraSignalClient::RetryIn(lws_usec_t microseconds) {
 }
 
 void KovraSignalClient::SetOutcome(int outcome) {
+  const std::lock_guard<std::mutex> lock(_mutex);
+  if (_connectAsked) return;  // of an attempt before the one that connect() waits for
   _link->outcome = outcome;
   _link->outcomeKnown.Set();
 }

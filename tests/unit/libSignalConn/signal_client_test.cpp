@@ -180,6 +180,21 @@ TEST_F(SignalClient, ConnectWhileTheServiceRunsTellsOfAClosedPort) {
   EXPECT_TRUE(first->WaitForEnd());
 }
 
+TEST_F(SignalClient, EveryConnectWhileTheServiceRunsTellsOfItsOwnAttempt) {
+  ScriptedServer server;
+  const ScriptedServer closed(Closed());
+  const Connection first = ConnectTo(server);
+  for (int round = 0; round < 300; ++round) {
+    const auto start = Clock::now();
+    ASSERT_LT(Connect(closed.Address(), closed.Port()), 0) << round;
+    ASSERT_LT(Clock::now() - start, std::chrono::seconds(3)) << round;  // did not wait for an outcome that had come
+    std::thread application([&] { EXPECT_EQ(Connect(server.Address(), server.Port()), 0) << round; });
+    const Connection next = SignedIn(server);
+    application.join();
+    ASSERT_NE(next, nullptr);
+  }
+}
+
 TEST_F(SignalClient, MessagesLeaveInTheOrderInWhichTheyWereQueued) {
   ScriptedServer server;
   const Connection connection = ConnectTo(server);
