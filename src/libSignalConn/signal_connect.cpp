@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "back_off.h"
@@ -34,17 +35,18 @@ const lws_protocols kProtocols[] = {
 int MillisecondsSince(lws_usec_t start) { return static_cast<int>((lws_now_usecs() - start) / LWS_US_PER_MS); }
 
 // What libwebsockets complained about last on this thread: with OpenSSL the only place where it says why a
-// certificate was refused.
-thread_local std::string lastComplaint;
+// certificate was refused. Plain bytes, here and below: the context is destroyed while the process ends, when strings
+// of thread and static storage are gone.
+thread_local char lastComplaint[256];
 
 // It says the same of every attempt; during an outage of days once is enough.
 void EmitOnce(int level, const char* line) {
   static std::mutex mutex;
-  static std::string last;
-  lastComplaint = line;
+  static char last[sizeof lastComplaint];
+  snprintf(lastComplaint, sizeof lastComplaint, "%s", line);
   const std::lock_guard<std::mutex> lock(mutex);
-  if (last == line) return;
-  last = line;
+  if (strcmp(last, lastComplaint) == 0) return;
+  memcpy(last, lastComplaint, sizeof last);
   lwsl_emit_stderr(level, line);
 }
 
@@ -198,7 +200,7 @@ bool KovraSignalClient::ConnectTo(const std::string& address) {
   link.startingConnection = true;
   link.failedWhileStarting = false;
   link.tcpAnswered = false;
-  lastComplaint.clear();
+  lastComplaint[0] = '\0';
   lws* wsi = lws_client_connect_via_info(&info);
   link.startingConnection = false;
   if (link.failedWhileStarting) return false;
