@@ -214,6 +214,8 @@ test("a picture that stops is told, and taken up again when it comes back", asyn
   await send(false);
   await viewer.reads("Picture interrupted");
   await viewer.reads("No picture is arriving. Waiting for it to come back…");
+  played.says({ opcode: "cameras", cameras: [] });
+  await viewer.reads("SN0001 is offline. Waiting for it to come back…");
   await send(true);
   await viewer.untilLive("SN0001");
 });

@@ -43,6 +43,29 @@ test("the code is asked for, a wrong one told, and the right one remembered", as
   await viewer.close();
 });
 
+test("a code that has changed is asked for again", async () => {
+  const viewer = await Viewer.open(browser, server.signedIn());
+  const second = Camera.start(server.port, "SN0002", { permitCode: "old" });
+  await viewer.camera("SN0002").click();
+  await give(viewer, "old");
+  await viewer.untilLive("SN0002");
+  await viewer.button("Hang up").click();
+  await second.kill();
+  await viewer.camera("SN0002").waitFor({ state: "detached" });
+  const changed = Camera.start(server.port, "SN0002", { permitCode: "new" });
+  await viewer.camera("SN0002").click();
+  await viewer.reads("That permit code is not right.");
+  await viewer.button("Cancel").click();
+  await viewer.button("Enter the code").click();
+  const dialog = viewer.page.getByRole("dialog");
+  await dialog.waitFor();
+  assert.equal(await dialog.getByRole("alert").innerText(), "", "the old code was tried once more");
+  await give(viewer, "new");
+  await viewer.untilLive("SN0002");
+  await viewer.close();
+  await changed.kill();
+});
+
 test("one may think better of it", async () => {
   const viewer = await Viewer.open(browser, server.signedIn());
   await viewer.camera("SN0001").click();
