@@ -15,7 +15,8 @@ const kFrameMs = 50;
 const kGroupMs = 1000; // between key frames of the fixed source
 const kLongestMs = 20_000;
 
-const { build, sessions, only } = readOptions({ sessions: '100' });
+const { build, only, ...options } = readOptions({ sessions: '100' });
+const sessions = Number(options.sessions);
 const streams = makeStreams(path.join(build, 'streams'));
 
 async function connectOnce(sender, phaseMs) {
@@ -52,7 +53,7 @@ async function measure(program, source, phaseMs) {
   const sender = new Sender(program);
   await sender.do('start', source);
   const results = [];
-  while (results.length < Number(sessions)) results.push(await connectOnce(sender, phaseMs));
+  while (results.length < sessions) results.push(await connectOnce(sender, phaseMs));
   await sender.stop();
   const both = (values) => ({ median: quantile(values, 0.5), p95: quantile(values, 0.95) });
   return { answer: both(results.map(({ answer }) => answer)), video: both(results.map(({ video }) => video)) };

@@ -4,11 +4,13 @@ import fs from 'node:fs';
 import readline from 'node:readline';
 
 const kPatience = 30_000;
+const kFailed = 5; // as KOVRA_STATE; CLOSED is the only one above
 
 export class Sender {
   #results = []; // who waits for the result of a command, in the order of the commands
   #sessions = new Map(); // session to function that takes its events
   #early = new Map(); // events of sessions whose creation is not yet known here
+  #ended = new Set(); // sessions that the sender has given up by itself
 
   constructor(program) {
     this.process = spawn(program, { stdio: ['pipe', 'pipe', 'inherit'] });
@@ -20,6 +22,7 @@ export class Sender {
 
   #take(event) {
     if (event.event === 'result') return this.#results.shift().resolve(event);
+    if (event.event === 'state' && event.state >= kFailed) this.#ended.add(event.session);
     const take = this.#sessions.get(event.session);
     if (take) take(event);
     else this.#early.set(event.session, [...(this.#early.get(event.session) ?? []), event]);
@@ -49,7 +52,8 @@ export class Sender {
 
   async close(session) {
     this.#sessions.set(session, () => {});
-    await this.do('close', { session });
+    const { value } = await this.ask('close', { session });
+    if (value !== 0 && !this.#ended.has(session)) throw new Error('close failed');
   }
 
   // Proportional set size, in MiB.
