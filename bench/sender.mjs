@@ -56,10 +56,12 @@ export class Sender {
     if (value !== 0 && !this.#ended.has(session)) throw new Error('close failed');
   }
 
-  // Proportional set size, in MiB.
+  // In MiB. pss divides pages of libraries by the processes that use them, and so depends on what else runs; rss does
+  // not. anonymous leaves out what comes from files, which the kernel can drop and read again.
   memory() {
-    const kibibytes = /^Pss:\s+(\d+) kB/m.exec(fs.readFileSync(`/proc/${this.process.pid}/smaps_rollup`, 'utf8'))[1];
-    return Number(kibibytes) / 1024;
+    const text = fs.readFileSync(`/proc/${this.process.pid}/smaps_rollup`, 'utf8');
+    const read = (field) => Number(new RegExp(`^${field}:\\s+(\\d+) kB`, 'm').exec(text)[1]) / 1024;
+    return { pss: read('Pss'), rss: read('Rss'), anonymous: read('Anonymous') };
   }
 
   threads() {
