@@ -25,42 +25,41 @@ as_root() {
   fi
 }
 
-# missing_packages WORD...: the packages that script/packages.txt lists under these words and that are not installed.
-missing_packages() {
-  local words=" $* " word package
-  while read -r word package; do
-    if [[ $words == *" $word "* && $installed != *" $package "* ]]; then echo "$package"; fi
-  done <script/packages.txt
-}
-
+# install_packages WORD...: the packages that script/packages.txt lists under these words.
 install_packages() {
-  local installed missing
+  local installed missing=() words=" $* " word package program
   # shellcheck disable=SC2016  # the braces are dpkg-query's
-  installed=" $(dpkg-query --show --showformat '${db:Status-Status} ${Package}\n' | sed -n 's/^installed //p' | tr '\n' ' ')"
-  mapfile -t missing < <(missing_packages "$@")
-  apt_install "${missing[@]}"
+  installed=$(dpkg-query --show --showformat '${db:Status-Status} ${Package} \n' | sed -n 's/^installed / /p')
+  while read -r word package program; do
+    if [[ $words != *" $word "* || $installed == *" $package "* ]]; then continue; fi
+    if [ -n "$program" ] && command -v "$program" >/dev/null; then continue; fi
+    missing+=("$package")
+  done < <(grep -v '^#' script/packages.txt)
+  if [ ${#missing[@]} -gt 0 ]; then apt_install "${missing[@]}"; fi
 }
 
 apt_install() {
-  [ $# -gt 0 ] || return 0
-  step "Installing $*"
-  local tries=0
+  local log=build/install.log tries=0
+  step "Installing $* (log: $log)"
+  mkdir -p build
   # apt waits for the lock of an installation under way, but not for the one of another update.
-  until as_root apt-get -qq update; do
+  until as_root apt-get update >$log 2>&1; do
     tries=$((tries + 1))
-    [ $tries -lt 10 ] || fail "apt-get update does not succeed"
+    if [ $tries -eq 10 ]; then
+      cat $log >&2
+      fail "apt-get update does not succeed"
+    fi
     sleep 6
   done
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 -o Dpkg::Use-Pty=0 -qq install -y \
-    --no-install-recommends "$@" >/dev/null
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 -o Dpkg::Use-Pty=0 install -y \
+    --no-install-recommends "$@" >>$log 2>&1 || {
+    tail -n 30 $log >&2
+    fail "apt-get install does not succeed"
+  }
 }
 
-# Node.js and npm may come from elsewhere, in versions that Debian's packages conflict with.
-install_node() {
-  local missing=()
-  command -v node >/dev/null || missing+=(nodejs)
-  command -v npm >/dev/null || missing+=(npm)
-  apt_install "${missing[@]}"
+# The npm packages, anew when the lock file has changed.
+install_npm_packages() {
   [ "$(node -p 'process.versions.node.split(".")[0]')" -ge 18 ] || fail "Node.js 18 or later is needed: $(command -v node)"
   if ! cmp -s package-lock.json node_modules/.installed-lock; then
     step "Installing the npm packages"
