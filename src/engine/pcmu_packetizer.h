@@ -1,0 +1,37 @@
+// G.711 u-law as RTP payloads (RFC 3551, 4.5.14): the bytes as they are, one timestamp unit a byte.
+#ifndef SIGNALCONN_ENGINE_PCMU_PACKETIZER_H
+#define SIGNALCONN_ENGINE_PCMU_PACKETIZER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "bytes.h"
+#include "media_frame.h"
+
+namespace kovra {
+
+constexpr std::uint32_t kPcmuClockRate = 8000;
+constexpr std::size_t kPcmuFrameBytes = 160;  // 20 ms
+constexpr std::uint8_t kPcmuSilence = 0xFF;   // u-law for zero
+
+// One per audio stream (audio type). One thread at a time.
+class PcmuPacketizer {
+ public:
+  // Most bytes that one packet takes, 100 ms; a larger frame becomes several frames of the queue.
+  static constexpr std::size_t kMaxPacketBytes = 800;
+
+  explicit PcmuPacketizer(std::shared_ptr<FramePool> pool);
+
+  // Takes the first bytes of audio off it, at most kMaxPacketBytes, as a frame of one packet, whose timestamp
+  // follows the one before. Call it until audio is empty; then it returns an empty reference.
+  FrameRef packetize(ByteView& audio);
+
+ private:
+  const std::shared_ptr<FramePool> pool_;
+  std::uint32_t timestamp_ = 0;
+};
+
+}  // namespace kovra
+
+#endif  // SIGNALCONN_ENGINE_PCMU_PACKETIZER_H
