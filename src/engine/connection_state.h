@@ -21,8 +21,8 @@ enum class DtlsTransportState { kNew, kConnecting, kConnected, kClosed, kFailed 
 //   CONNECTED     ICE and DTLS both connected
 //   DISCONNECTED  connected, but nothing heard from the viewer for kDisconnectedAfter; a sign of life makes it
 //                 CONNECTED again
-//   FAILED        nothing heard for kConsentLifetime, not connected within kSetupTime after the offer, or a
-//                 transport failed
+//   FAILED        nothing heard for kConsentLifetime, not connected within kSetupTime after the offer, DTLS
+//                 failed, or ICE failed after it had been connected
 //   CLOSED        the viewer closed DTLS
 class ConnectionState {
  public:
@@ -46,12 +46,12 @@ class ConnectionState {
 
  private:
   std::optional<KOVRA_STATE> change(KOVRA_STATE state);
-  std::optional<KOVRA_STATE> evaluate(Micros now);
+  std::optional<KOVRA_STATE> connectIfReady(Micros now);
 
   KOVRA_STATE state_ = KOVRA_STATE_NONE;
   IceTransportState ice_ = IceTransportState::kNew;
   DtlsTransportState dtls_ = DtlsTransportState::kNew;
-  std::optional<Micros> offeredAt_;
+  Micros offeredAt_{0};
   Micros aliveAt_{0};
 };
 

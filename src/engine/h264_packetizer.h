@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "bytes.h"
 #include "h264_parameter_sets.h"
@@ -23,7 +24,7 @@ class H264Packetizer {
  public:
   static constexpr std::size_t kMaxAccessUnitBytes = std::size_t{4} << 20;
 
-  // maxPayload: most bytes of one RTP payload, at least 3.
+  // maxPayload: most bytes of one RTP payload, 3 to 65535.
   H264Packetizer(std::shared_ptr<FramePool> pool, std::size_t maxPayload);
 
   // Cuts one access unit in Annex B form; its bytes are borrowed for the call. timestamp is at
@@ -32,14 +33,22 @@ class H264Packetizer {
   FrameRef packetize(ByteView accessUnit, std::uint32_t timestamp);
 
  private:
-  struct Contents;
-  Contents inspect(ByteView accessUnit);
+  struct Contents {
+    bool picture = false;
+    bool idr = false;
+    bool sps = false;
+    bool pps = false;
+  };
+  Contents collect(ByteView accessUnit);
+  std::size_t roomFor(std::size_t accessUnitBytes) const;
+  void addAll(MediaFrame& frame, const std::vector<std::vector<std::uint8_t>>& nals) const;
   void add(MediaFrame& frame, ByteView nal) const;
-  void addFragmented(MediaFrame& frame, ByteView nal) const;
+  void addFragments(MediaFrame& frame, ByteView nal) const;
 
   const std::shared_ptr<FramePool> pool_;
   const std::size_t maxPayload_;
   H264ParameterSets parameterSets_;
+  std::vector<ByteView> nals_;  // what is sent of the access unit at hand; its memory is kept
 };
 
 }  // namespace kovra

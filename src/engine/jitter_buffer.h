@@ -39,19 +39,27 @@ class JitterBuffer {
   bool take(Micros now, Frame& frame);
 
  private:
-  static constexpr std::size_t kCapacity = 1024;  // samples; a power of two above kMaxDelay
+  static constexpr std::int32_t kMaxDelaySamples = 800;
+  static constexpr std::size_t kCapacity = 1024;  // samples; a power of two above kMaxDelaySamples
   struct Sample {
     std::uint8_t value;
     bool present;
   };
 
+  bool noteSequence(const RtpHeader& header);
   void restart(const RtpPacket& packet, Micros now);
-  void store(std::uint32_t timestamp, ByteView payload);
-  void skip(std::uint32_t samples);
-  void observeMargin(std::int64_t margin, Micros now);
+  void onLate(const RtpPacket& packet, Micros now);
+  void store(const RtpPacket& packet, Micros now);
+  void makeRoom(std::uint32_t end, Micros now);
+  void skipFrame();
+  void beginWindow(Micros start);
+  void observeMargin(Micros margin, Micros now);
+  void catchUp(Micros now);
 
   std::array<Sample, kCapacity> samples_{};
   std::optional<std::uint32_t> ssrc_;
+  SequenceExtender extender_;
+  std::uint64_t highestSequence_ = 0;
   std::optional<Micros> due_;
   std::uint32_t playTimestamp_ = 0;  // of the first sample of the next frame
   std::uint32_t endTimestamp_ = 0;   // behind the newest sample
@@ -59,7 +67,7 @@ class JitterBuffer {
   int silentInRow_ = 0;
   bool hold_ = false;  // the next frame is silence that takes nothing off the timeline
   Micros windowStart_{0};
-  std::int64_t leastMargin_ = 0;  // microseconds, over the window
+  Micros leastMargin_{0};  // in the window
 };
 
 }  // namespace kovra

@@ -35,6 +35,8 @@ class MediaFrame {
  private:
   friend class FramePool;
   friend class FrameRef;
+  std::size_t capacityBytes() const;
+
   struct Packet {
     std::uint32_t offset;
     std::uint16_t size;
@@ -76,13 +78,13 @@ class FrameRef {
 // Frames may outlive every other owner of the pool.
 class FramePool : public std::enable_shared_from_this<FramePool> {
  public:
-  // Of the frames given back, as many are kept as fit into maxIdleBytes.
+  // Of the frames given back, the latest are kept, as many as fit into maxIdleBytes.
   static std::shared_ptr<FramePool> Create(std::size_t maxIdleBytes);
   ~FramePool();
   FramePool(const FramePool&) = delete;
   FramePool& operator=(const FramePool&) = delete;
 
-  // An empty frame with room for so many bytes of payload. Prefers the smallest idle block that is large enough.
+  // An empty frame with room for so many bytes of payload.
   FrameRef take(std::size_t payloadBytes);
 
   std::size_t idleBytes() const;
@@ -90,6 +92,7 @@ class FramePool : public std::enable_shared_from_this<FramePool> {
  private:
   friend class FrameRef;
   explicit FramePool(std::size_t maxIdleBytes);
+  std::unique_ptr<MediaFrame> takeIdle(std::size_t payloadBytes);
   void giveBack(MediaFrame* frame);
 
   const std::size_t maxIdleBytes_;

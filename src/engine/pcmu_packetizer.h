@@ -18,13 +18,13 @@ constexpr std::uint8_t kPcmuSilence = 0xFF;   // u-law for zero
 // One per audio stream (audio type). One thread at a time.
 class PcmuPacketizer {
  public:
-  // Most bytes that one packet takes, 100 ms; a larger frame becomes several frames of the queue.
+  // Most bytes of one packet, 100 ms.
   static constexpr std::size_t kMaxPacketBytes = 800;
 
   explicit PcmuPacketizer(std::shared_ptr<FramePool> pool);
 
-  // Takes the first bytes of audio off it, at most kMaxPacketBytes, as a frame of one packet, whose timestamp
-  // follows the one before. Call it until audio is empty; then it returns an empty reference.
+  // Takes at most kMaxPacketBytes off the front of audio: a frame of one packet, whose timestamp follows the one
+  // before. Call it until audio is empty; then it returns an empty reference.
   FrameRef packetize(ByteView& audio);
 
  private:

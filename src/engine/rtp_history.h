@@ -16,7 +16,7 @@ class RtpHistory {
  public:
   struct Packet {
     FrameRef frame;  // empty: no packet
-    std::uint16_t index = 0;
+    std::uint32_t index = 0;
     std::uint16_t sequence = 0;
     std::uint32_t timestamp = 0;
     std::uint8_t resends = 0;
@@ -30,7 +30,7 @@ class RtpHistory {
 
   void add(FrameRef frame, std::size_t index, std::uint16_t sequence, std::uint32_t timestamp, Micros now);
 
-  // The packet to send again, counted as sent now; null when it is gone, was sent less than minInterval ago
+  // The packet to send again, counted as sent now; null when it is gone, was sent again less than minInterval ago
   // (the request crossed it) or too often. Valid until the next add.
   const Packet* resend(std::uint16_t sequence, Micros now, Micros minInterval);
 

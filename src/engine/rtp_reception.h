@@ -24,7 +24,7 @@ class RtpReception {
   std::optional<RtcpReportBlock> report(Micros now);
 
  private:
-  const std::uint32_t clockRate_;
+  std::uint32_t clockRate_;
   std::optional<std::uint32_t> ssrc_;
   SequenceExtender extender_;
   std::uint64_t first_ = 0;

@@ -28,7 +28,7 @@ struct RtpSenderConfig {
   std::uint16_t firstSequence = 0;
   std::uint32_t timestampOffset = 0;
   std::size_t historyPackets = 0;  // 0: no retransmission
-  std::optional<RtxConfig> rtx;    // without it, packets are sent again as they were
+  std::optional<RtxConfig> rtx;    // without it, packets are sent again as they were: SRTP must allow that
 };
 
 // One thread at a time.
@@ -55,8 +55,6 @@ class RtpSender {
   std::uint32_t retransmittedPackets() const { return retransmitted_; }
 
  private:
-  std::size_t write(const RtpHeader& header, ByteView prefix, ByteView payload, std::uint8_t* out) const;
-
   const RtpSenderConfig config_;
   RtpHistory history_;
   std::uint16_t nextSequence_;

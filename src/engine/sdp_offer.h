@@ -57,6 +57,7 @@ struct SdpSection {
   bool endOfCandidates = false;
 
   bool isRejected() const { return port == 0 && !bundleOnly; }
+  const SdpCodec* findCodec(std::uint8_t payloadType) const;  // null: not in the section
 };
 
 struct SdpOffer {
