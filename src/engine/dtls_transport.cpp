@@ -2,7 +2,6 @@
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
-
 #include <sys/time.h>
 
 #include <algorithm>

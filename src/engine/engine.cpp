@@ -1,0 +1,211 @@
+#include "engine.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "clock.h"
+#include "dtls_identity.h"
+#include "ice_candidate.h"
+#include "log.h"
+#include "sdp_negotiation.h"
+#include "sdp_offer.h"
+
+namespace kovra {
+
+namespace {
+
+// Frames given back and kept for reuse: a few key frames' worth.
+constexpr std::size_t kMaxIdleFrameBytes = std::size_t{1} << 20;
+constexpr Micros kReportInterval{1'000'000};
+// Audio that pauses longer than this begins a new talkspurt.
+constexpr Micros kTalkspurtGap{200'000};
+// At the end relays get this much time to free their allocations.
+constexpr Micros kRelayFarewell{300'000};
+
+}  // namespace
+
+Engine::Engine()
+    : callbacks_(std::make_shared<CallbackThread>()),
+      pool_(FramePool::Create(kMaxIdleFrameBytes)),
+      network_([this] { distributeFrames(); }),
+      hosts_(network_),
+      second_(network_.context(), [this] { onSecond(); }) {
+  ice_.context = network_.context();
+}
+
+Engine::~Engine() = default;
+
+bool Engine::start() {
+  const std::lock_guard<std::mutex> lock(startMutex_);
+  if (started_ || stopped_) return !stopped_;
+  const DtlsIdentity* identity = DtlsIdentity::Get();
+  if (identity == nullptr) return false;
+  services_.emplace(SessionServices{*identity, ice_, hosts_, *callbacks_, table_, batch_, [this](KOVRA_SESSION_ID id) {
+                                      network_.post([this, id] { sessions_.erase(id); });
+                                    }});
+  CallbackThread::Start(callbacks_);
+  network_.start();
+  started_ = true;
+  return true;
+}
+
+void Engine::stop() {
+  {
+    const std::lock_guard<std::mutex> lock(startMutex_);
+    stopped_ = true;
+    if (!started_) return;
+  }
+  // In this order, since the callback that is waited for may call the engine.
+  callbacks_->stop();
+  network_.stop([this] { closeAll(); });
+}
+
+void Engine::closeAll() {
+  for (auto& [id, session] : sessions_) session->close("the engine stops");
+  sessions_.clear();
+  second_.set(std::nullopt);
+  const Micros end = MonotonicNow() + kRelayFarewell;
+  // A timer that does nothing but bound the wait.
+  LoopTimer bound(network_.context(), [] {});
+  bound.set(end);
+  while (ice_.closing > 0 && MonotonicNow() < end) g_main_context_iteration(network_.context(), TRUE);
+}
+
+KOVRA_SESSION_ID Engine::createSession(const KovraSessionConfig& config) {
+  if (!start()) return 0;
+  const SessionHandle shared = table_.add(config);
+  if (shared == nullptr) {
+    Log(LogLevel::kWarning, "engine: no more than %zu sessions", SessionTable::kMaxSessions);
+    return 0;
+  }
+  network_.post([this, shared] {
+    if (sessions_.empty()) second_.set(MonotonicNow() + kReportInterval);
+    sessions_.emplace(shared->id, std::make_unique<ViewerSession>(shared, *services_));
+  });
+  return shared->id;
+}
+
+int Engine::setRemoteOffer(KOVRA_SESSION_ID id, const std::string& sdp) {
+  const SessionHandle shared = table_.find(id);
+  if (shared == nullptr) return -1;
+  std::string reason;
+  const auto offer = ReadSdpOffer(sdp, reason);
+  // As the DTLS server we choose the SRTP profile, and need no reply to our last flight before we send.
+  const auto negotiation = offer ? Negotiate(*offer, SdpSetup::kPassive, reason) : std::nullopt;
+  if (!negotiation) {
+    Log(LogLevel::kWarning, "engine: session %d: offer refused: %s", id, reason.c_str());
+    return -1;
+  }
+  if (!shared->claimOffer()) return -1;
+  network_.post([this, id, offer = *offer, negotiation = *negotiation] {
+    withSession(id, [&](ViewerSession& session) { session.acceptOffer(offer, negotiation); });
+  });
+  return 0;
+}
+
+int Engine::addRemoteCandidate(KOVRA_SESSION_ID id, const std::string& candidate) {
+  const auto read = ReadIceCandidateInit(candidate);
+  if (!read || table_.find(id) == nullptr) return -1;
+  if (!read->candidate || read->candidate->hasLocalName()) return 0;
+  network_.post([this, id, added = *read->candidate] {
+    withSession(id, [&](ViewerSession& session) { session.addCandidate(added); });
+  });
+  return 0;
+}
+
+int Engine::closeSession(KOVRA_SESSION_ID id) {
+  const SessionHandle shared = table_.remove(id);
+  if (shared == nullptr) return -1;
+  shared->markClosedByOwner();
+  network_.post([this, id] { withSession(id, [](ViewerSession& session) { session.close("closed"); }); });
+  return 0;
+}
+
+int Engine::setAudioVideoType(KOVRA_SESSION_ID id, int audioType, int videoType) {
+  const SessionHandle shared = table_.find(id);
+  if (shared == nullptr) return -1;
+  if (audioType != -1) shared->audioType.store(audioType, std::memory_order_relaxed);
+  if (videoType != -1 && shared->videoType.exchange(videoType) != videoType) {
+    network_.post([this, id] { withSession(id, [](ViewerSession& session) { session.restartVideo(); }); });
+  }
+  return 0;
+}
+
+int Engine::writeVideoData(ByteView accessUnit, int videoType) {
+  const Micros now = MonotonicNow();
+  bool isKeyFrame = false;
+  {
+    const std::lock_guard<std::mutex> lock(videoMutex_);
+    H264Packetizer* stream = videoStream(videoType);
+    FrameRef frame = stream == nullptr ? FrameRef() : stream->packetize(accessUnit, ToRtpTicks(now, kVideoClockRate));
+    isKeyFrame = frame && frame->isKeyFrame();
+    if (frame && !table_.empty()) {
+      frames_.push({std::move(frame), QueuedFrame::Medium::kVideo, videoType, false, now});
+      network_.wake();
+    }
+  }
+  // The key frame that was just written answers the wishes of this stream.
+  return !isKeyFrame && table_.wantsKeyFrame(videoType) ? 1 : 0;
+}
+
+int Engine::writeAudioData(ByteView samples, int audioType) {
+  if (samples.empty()) return -1;
+  const Micros now = MonotonicNow();
+  const std::lock_guard<std::mutex> lock(audioMutex_);
+  AudioStream* stream = audioStream(audioType);
+  if (stream == nullptr) return -1;
+  bool first = !stream->lastWrite || now - *stream->lastWrite > kTalkspurtGap;
+  stream->lastWrite = now;
+  const bool wanted = !table_.empty();
+  for (FrameRef frame = stream->packetizer.packetize(samples); frame; frame = stream->packetizer.packetize(samples)) {
+    if (wanted) frames_.push({std::move(frame), QueuedFrame::Medium::kAudio, audioType, first, now});
+    first = false;
+  }
+  if (wanted) network_.wake();
+  return 0;
+}
+
+H264Packetizer* Engine::videoStream(int videoType) {
+  const auto found = videoStreams_.find(videoType);
+  if (found != videoStreams_.end()) return &found->second;
+  if (videoStreams_.size() >= kMaxTypes) return nullptr;
+  return &videoStreams_.try_emplace(videoType, pool_, kMaxRtpPayloadBytes).first->second;
+}
+
+Engine::AudioStream* Engine::audioStream(int audioType) {
+  const auto found = audioStreams_.find(audioType);
+  if (found != audioStreams_.end()) return &found->second;
+  if (audioStreams_.size() >= kMaxTypes) return nullptr;
+  return &audioStreams_.try_emplace(audioType, pool_).first->second;
+}
+
+void Engine::withSession(KOVRA_SESSION_ID id, const std::function<void(ViewerSession&)>& action) {
+  const auto found = sessions_.find(id);
+  if (found != sessions_.end()) action(*found->second);
+}
+
+void Engine::distributeFrames() {
+  const bool lost = frames_.take(distributed_);
+  if (lost) {
+    for (auto& [id, session] : sessions_) session->restartVideo();
+  }
+  for (const QueuedFrame& queued : distributed_) {
+    for (auto& [id, session] : sessions_) {
+      if (queued.medium == QueuedFrame::Medium::kVideo) {
+        session->sendVideo(queued.frame, queued.type, queued.arrived);
+      } else {
+        session->sendAudio(queued.frame, queued.type, queued.firstOfTalkspurt, queued.arrived);
+      }
+    }
+  }
+  distributed_.clear();
+}
+
+void Engine::onSecond() {
+  const Micros now = MonotonicNow();
+  for (auto& [id, session] : sessions_) session->onSecond(now);
+  if (!sessions_.empty()) second_.set(now + kReportInterval);
+}
+
+}  // namespace kovra

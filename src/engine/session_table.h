@@ -1,0 +1,67 @@
+// The sessions as the callers' threads see them.
+#ifndef SIGNALCONN_ENGINE_SESSION_TABLE_H
+#define SIGNALCONN_ENGINE_SESSION_TABLE_H
+
+#include <kovra.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace kovra {
+
+// What all threads share of one session.
+class SharedSession {
+ public:
+  SharedSession(KOVRA_SESSION_ID sessionId, const KovraSessionConfig& sessionConfig)
+      : id(sessionId), config(sessionConfig) {}
+
+  const KOVRA_SESSION_ID id;
+  const KovraSessionConfig config;
+
+  std::atomic<int> videoType{1};
+  std::atomic<int> audioType{0};
+  // Whether a key frame of videoType is wanted. Written by the network thread.
+  std::atomic<bool> wantsKeyFrame{false};
+
+  // True once: the session takes one offer.
+  bool claimOffer() { return !offered_.exchange(true); }
+  bool isClosedByOwner() const { return closedByOwner_.load(); }
+  void markClosedByOwner() { closedByOwner_.store(true); }
+
+ private:
+  std::atomic<bool> offered_{false};
+  std::atomic<bool> closedByOwner_{false};
+};
+
+using SessionHandle = std::shared_ptr<SharedSession>;
+
+// Any thread.
+class SessionTable {
+ public:
+  // Every one costs sockets and memory; far more than a camera's uplink carries.
+  static constexpr std::size_t kMaxSessions = 128;
+
+  // Null when there are too many.
+  SessionHandle add(const KovraSessionConfig& config);
+  // Null when no session has that id.
+  SessionHandle find(KOVRA_SESSION_ID id) const;
+  // Takes it out; null when it was not there.
+  SessionHandle remove(KOVRA_SESSION_ID id);
+
+  // Whether some session wants a key frame of that type.
+  bool wantsKeyFrame(int videoType) const;
+  bool empty() const;
+
+ private:
+  std::vector<SessionHandle>::const_iterator locate(KOVRA_SESSION_ID id) const;
+
+  mutable std::mutex mutex_;  // guards what follows
+  std::vector<SessionHandle> sessions_;
+  std::uint32_t lastId_ = 0;
+};
+
+}  // namespace kovra
+
+#endif  // SIGNALCONN_ENGINE_SESSION_TABLE_H

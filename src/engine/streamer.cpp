@@ -1,0 +1,98 @@
+#include <glib.h>
+#include <kovra.h>
+
+#include <memory>
+#include <utility>
+
+#include "dtls_identity.h"
+#include "engine.h"
+#include "log.h"
+
+using kovra::Engine;
+
+namespace {
+
+// libnice speaks up about what viewers send; that is for developers.
+void LogForeign(const gchar* domain, GLogLevelFlags, const gchar* message, gpointer) {
+  kovra::Log(kovra::LogLevel::kEverything, "engine: %s: %s", domain, message);
+}
+
+void QuietLibraries() {
+  [[maybe_unused]] static const bool done = [] {
+    constexpr auto kLevels = static_cast<GLogLevelFlags>(G_LOG_LEVEL_MASK & ~G_LOG_LEVEL_ERROR);
+    g_log_set_handler("libnice", kLevels, LogForeign, nullptr);
+    g_log_set_handler("libnice-stun", kLevels, LogForeign, nullptr);
+    return true;
+  }();
+}
+
+}  // namespace
+
+int initKovraLibrary(unsigned int level) {
+  kovra::SetLogLevel(level);
+  QuietLibraries();
+  return kovra::DtlsIdentity::Get() == nullptr ? -1 : 0;
+}
+
+KovraSessionConfig::KovraSessionConfig() : isAlexaCall(false), trickleIce(true), relayOnly(false) {}
+
+// A few bytes that outlive the streamer, because other threads may still call in while the process exits and
+// destroys it: they find no engine then.
+class KovraStreamer::Impl {
+ public:
+  std::shared_ptr<Engine> engine() const { return std::atomic_load(&engine_); }
+  std::shared_ptr<Engine> takeEngine() { return std::atomic_exchange(&engine_, std::shared_ptr<Engine>()); }
+
+ private:
+  std::shared_ptr<Engine> engine_ = std::make_shared<Engine>();
+};
+
+KovraStreamer::KovraStreamer() : impl_(std::make_unique<Impl>()) { QuietLibraries(); }
+
+KovraStreamer::~KovraStreamer() {
+  static auto* const outliving = new std::vector<std::unique_ptr<Impl>>();
+  static std::mutex mutex;
+  const std::shared_ptr<Engine> engine = impl_->takeEngine();
+  engine->stop();
+  const std::lock_guard<std::mutex> lock(mutex);
+  outliving->push_back(std::move(impl_));
+}
+
+void KovraStreamer::registerCallback(KovraStreamerCallback* callback) {
+  if (const auto engine = impl_->engine()) engine->registerCallback(callback);
+}
+
+KOVRA_SESSION_ID KovraStreamer::createSession(const KovraSessionConfig& config) {
+  const auto engine = impl_->engine();
+  return engine ? engine->createSession(config) : 0;
+}
+
+int KovraStreamer::setRemoteOffer(KOVRA_SESSION_ID sid, const std::string& sdp) {
+  const auto engine = impl_->engine();
+  return engine ? engine->setRemoteOffer(sid, sdp) : -1;
+}
+
+int KovraStreamer::addRemoteCandidate(KOVRA_SESSION_ID sid, const std::string& candidate) {
+  const auto engine = impl_->engine();
+  return engine ? engine->addRemoteCandidate(sid, candidate) : -1;
+}
+
+int KovraStreamer::closeSession(KOVRA_SESSION_ID sid) {
+  const auto engine = impl_->engine();
+  return engine ? engine->closeSession(sid) : -1;
+}
+
+int KovraStreamer::setAudioVideoType(KOVRA_SESSION_ID sid, int audioType, int videoType) {
+  const auto engine = impl_->engine();
+  return engine ? engine->setAudioVideoType(sid, audioType, videoType) : -1;
+}
+
+int KovraStreamer::writeVideoData(std::uint8_t* data, std::size_t size, std::int64_t, int, int videoType) {
+  const auto engine = impl_->engine();
+  return engine ? engine->writeVideoData({data, data == nullptr ? 0 : size}, videoType) : 0;
+}
+
+int KovraStreamer::writeAudioData(std::uint8_t* data, std::size_t size, std::int64_t, int audioType) {
+  const auto engine = impl_->engine();
+  return engine ? engine->writeAudioData({data, data == nullptr ? 0 : size}, audioType) : -1;
+}
