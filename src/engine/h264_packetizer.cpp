@@ -92,19 +92,20 @@ void H264Packetizer::add(MediaFrame& frame, ByteView nal) const {
   }
 }
 
-// FU-A (RFC 6184, 5.8), in fragments of even size, so that no tiny packet trails.
+// FU-A (RFC 6184, 5.8). All fragments are of one size and only the last may be shorter, by as little as can be: a
+// run of equal packets can be handed to the kernel as one.
 void H264Packetizer::addFragments(MediaFrame& frame, ByteView nal) const {
   const std::size_t room = maxPayload_ - kFuHeaderBytes;
   const ByteView body = nal.from(1);
   const std::size_t count = (body.size + room - 1) / room;
   std::uint8_t header[kFuHeaderBytes] = {static_cast<std::uint8_t>((nal[0] & ~kTypeMask) | kFuA), 0};
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t begin = body.size * i / count;
-    const std::size_t end = body.size * (i + 1) / count;
+  const std::size_t size = (body.size + count - 1) / count;
+  for (std::size_t begin = 0; begin < body.size; begin += size) {
+    const ByteView part = body.from(begin, size);
     header[1] = static_cast<std::uint8_t>(nal[0] & kTypeMask);
-    if (i == 0) header[1] |= kFuStart;
-    if (i == count - 1) header[1] |= kFuEnd;
-    frame.add({header, kFuHeaderBytes}, body.from(begin, end - begin), false);
+    if (begin == 0) header[1] |= kFuStart;
+    if (begin + part.size == body.size) header[1] |= kFuEnd;
+    frame.add({header, kFuHeaderBytes}, part, false);
   }
 }
 
