@@ -93,11 +93,8 @@ int Engine::setRemoteOffer(KOVRA_SESSION_ID id, const std::string& sdp) {
   const auto offer = ReadSdpOffer(sdp, reason);
   // As the DTLS server we choose the SRTP profile, and need no reply to our last flight before we send.
   const auto negotiation = offer ? Negotiate(*offer, SdpSetup::kPassive, reason) : std::nullopt;
-  if (!negotiation) {
-    Log(LogLevel::kWarning, "engine: session %d: offer refused: %s", id, reason.c_str());
-    return -1;
-  }
-  if (!shared->claimOffer()) return -1;
+  if (!negotiation) return refuse(*shared, "offer", reason.c_str());
+  if (!shared->claimOffer()) return refuse(*shared, "offer", "it is not the first");
   network_.post([this, id, offer = *offer, negotiation = *negotiation] {
     withSession(id, [&](ViewerSession& session) { session.acceptOffer(offer, negotiation); });
   });
@@ -105,9 +102,14 @@ int Engine::setRemoteOffer(KOVRA_SESSION_ID id, const std::string& sdp) {
 }
 
 int Engine::addRemoteCandidate(KOVRA_SESSION_ID id, const std::string& candidate) {
+  const SessionHandle shared = table_.find(id);
+  if (shared == nullptr) return -1;
   const auto read = ReadIceCandidateInit(candidate);
-  if (!read || table_.find(id) == nullptr) return -1;
+  if (!read) return refuse(*shared, "candidate", "it cannot be read");
+  // The end of the list is of no use here, and a name of multicast DNS hides an address that the viewer's own checks
+  // reveal all the same. Other names are no candidates of browsers; nobody is to make us look them up.
   if (!read->candidate || read->candidate->hasLocalName()) return 0;
+  if (!read->candidate->hasIpAddress()) return refuse(*shared, "candidate", "its address is a name");
   network_.post([this, id, added = *read->candidate] {
     withSession(id, [&](ViewerSession& session) { session.addCandidate(added); });
   });
@@ -164,6 +166,11 @@ int Engine::writeAudioData(ByteView samples, int audioType) {
   }
   if (wanted) network_.wake();
   return 0;
+}
+
+int Engine::refuse(SharedSession& session, const char* what, const char* reason) {
+  if (session.mayComplain()) Log(LogLevel::kWarning, "engine: session %d: %s refused: %s", session.id, what, reason);
+  return -1;
 }
 
 H264Packetizer* Engine::videoStream(int videoType) {

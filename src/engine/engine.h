@@ -56,6 +56,8 @@ class Engine {
   };
 
   bool start();
+  // Says why, as far as the session's log may grow; returns the caller's negative result.
+  static int refuse(SharedSession& session, const char* what, const char* reason);
   H264Packetizer* videoStream(int videoType);
   AudioStream* audioStream(int audioType);
 

@@ -27,10 +27,15 @@ class SharedSession {
 
   // True once: the session takes one offer.
   bool claimOffer() { return !offered_.exchange(true); }
+  // Whether one more complaint about what the viewer sent may be logged: a flood of nonsense is not to fill the log.
+  bool mayComplain() { return complaints_.fetch_add(1, std::memory_order_relaxed) < kMaxComplaints; }
   bool isClosedByOwner() const { return closedByOwner_.load(); }
   void markClosedByOwner() { closedByOwner_.store(true); }
 
  private:
+  static constexpr unsigned kMaxComplaints = 5;
+
+  std::atomic<unsigned> complaints_{0};
   std::atomic<bool> offered_{false};
   std::atomic<bool> closedByOwner_{false};
 };

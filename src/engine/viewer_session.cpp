@@ -166,7 +166,7 @@ void ViewerSession::addCandidate(const IceCandidate& candidate) {
 }
 
 void ViewerSession::useCandidate(const IceCandidate& candidate) {
-  // Names are not looked up: those of multicast DNS hide addresses that the viewer's own checks reveal all the same.
+  // The offer may hold names, which are of no use (see Engine::addRemoteCandidate).
   if (ended_ || !candidate.hasIpAddress()) return;
   if (!candidate.usernameFragment.empty() && candidate.usernameFragment != negotiation_.iceUfrag) return;
   ice_->addRemoteCandidate(candidate);
