@@ -18,8 +18,6 @@ namespace {
 // Frames given back and kept for reuse: a few key frames' worth.
 constexpr std::size_t kMaxIdleFrameBytes = std::size_t{1} << 20;
 constexpr Micros kReportInterval{1'000'000};
-// Audio that pauses longer than this begins a new talkspurt.
-constexpr Micros kTalkspurtGap{200'000};
 // At the end relays get this much time to free their allocations.
 constexpr Micros kRelayFarewell{300'000};
 
@@ -143,7 +141,7 @@ int Engine::writeVideoData(ByteView accessUnit, int videoType) {
     FrameRef frame = stream == nullptr ? FrameRef() : stream->packetize(accessUnit, ToRtpTicks(now, kVideoClockRate));
     isKeyFrame = frame && frame->isKeyFrame();
     if (frame && !table_.empty()) {
-      frames_.push({std::move(frame), QueuedFrame::Medium::kVideo, videoType, false, now});
+      frames_.push({std::move(frame), QueuedFrame::Medium::kVideo, videoType, now});
       network_.wake();
     }
   }
@@ -155,14 +153,11 @@ int Engine::writeAudioData(ByteView samples, int audioType) {
   if (samples.empty()) return -1;
   const Micros now = MonotonicNow();
   const std::lock_guard<std::mutex> lock(audioMutex_);
-  AudioStream* stream = audioStream(audioType);
+  PcmuPacketizer* stream = audioStream(audioType);
   if (stream == nullptr) return -1;
-  bool first = !stream->lastWrite || now - *stream->lastWrite > kTalkspurtGap;
-  stream->lastWrite = now;
   const bool wanted = !table_.empty();
-  for (FrameRef frame = stream->packetizer.packetize(samples); frame; frame = stream->packetizer.packetize(samples)) {
-    if (wanted) frames_.push({std::move(frame), QueuedFrame::Medium::kAudio, audioType, first, now});
-    first = false;
+  for (FrameRef frame = stream->packetize(samples, now); frame; frame = stream->packetize(samples, now)) {
+    if (wanted) frames_.push({std::move(frame), QueuedFrame::Medium::kAudio, audioType, now});
   }
   if (wanted) network_.wake();
   return 0;
@@ -180,7 +175,7 @@ H264Packetizer* Engine::videoStream(int videoType) {
   return &videoStreams_.try_emplace(videoType, pool_, kMaxRtpPayloadBytes).first->second;
 }
 
-Engine::AudioStream* Engine::audioStream(int audioType) {
+PcmuPacketizer* Engine::audioStream(int audioType) {
   const auto found = audioStreams_.find(audioType);
   if (found != audioStreams_.end()) return &found->second;
   if (audioStreams_.size() >= kMaxTypes) return nullptr;
@@ -202,7 +197,7 @@ void Engine::distributeFrames() {
       if (queued.medium == QueuedFrame::Medium::kVideo) {
         session->sendVideo(queued.frame, queued.type, queued.arrived);
       } else {
-        session->sendAudio(queued.frame, queued.type, queued.firstOfTalkspurt, queued.arrived);
+        session->sendAudio(queued.frame, queued.type, queued.arrived);
       }
     }
   }

@@ -49,17 +49,11 @@ class Engine {
   // Streams of one medium that a camera writes side by side.
   static constexpr std::size_t kMaxTypes = 16;
 
-  struct AudioStream {
-    explicit AudioStream(std::shared_ptr<FramePool> pool) : packetizer(std::move(pool)) {}
-    PcmuPacketizer packetizer;
-    std::optional<Micros> lastWrite;
-  };
-
   bool start();
   // Says why, as far as the session's log may grow; returns the caller's negative result.
   static int refuse(SharedSession& session, const char* what, const char* reason);
   H264Packetizer* videoStream(int videoType);
-  AudioStream* audioStream(int audioType);
+  PcmuPacketizer* audioStream(int audioType);
 
   // On the network thread.
   void withSession(KOVRA_SESSION_ID id, const std::function<void(ViewerSession&)>& action);
@@ -78,7 +72,7 @@ class Engine {
   std::mutex videoMutex_;  // guards videoStreams_
   std::map<int, H264Packetizer> videoStreams_;
   std::mutex audioMutex_;  // guards audioStreams_
-  std::map<int, AudioStream> audioStreams_;
+  std::map<int, PcmuPacketizer> audioStreams_;
 
   NetworkThread network_;
   IceContext ice_;

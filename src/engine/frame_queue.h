@@ -16,8 +16,7 @@ struct QueuedFrame {
 
   FrameRef frame;
   Medium medium = Medium::kVideo;
-  int type = 0;                   // video or audio type
-  bool firstOfTalkspurt = false;  // audio
+  int type = 0;  // video or audio type
   Micros arrived{0};
 };
 

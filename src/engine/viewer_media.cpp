@@ -89,11 +89,11 @@ void ViewerMedia::sendVideo(const FrameRef& frame, Micros now) {
   if (srtp_ && !retryAt_) pump(now);
 }
 
-void ViewerMedia::sendAudio(const FrameRef& frame, bool firstOfTalkspurt, Micros now) {
+void ViewerMedia::sendAudio(const FrameRef& frame, Micros now) {
   if (!srtp_ || !audio_) return;
   batch_.clear();
   for (std::size_t i = 0; i < frame->packetCount(); ++i) {
-    const std::size_t size = audio_->writePacket(frame, i, now, batch_.room(), firstOfTalkspurt && i == 0);
+    const std::size_t size = audio_->writePacket(frame, i, now, batch_.room());
     batch_.add(srtp_->protectRtp(batch_.room(), size));
   }
   counts_.audioPackets += batch_.count();

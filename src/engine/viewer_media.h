@@ -63,7 +63,7 @@ class ViewerMedia {
   bool isOpen() const { return srtp_.has_value(); }
 
   void sendVideo(const FrameRef& frame, Micros now);
-  void sendAudio(const FrameRef& frame, bool firstOfTalkspurt, Micros now);
+  void sendAudio(const FrameRef& frame, Micros now);
   // Another stream follows, or frames were lost before they came here.
   void restartVideo();
   bool wantsKeyFrame() const { return prepared_ && video_ && gate_.wantsKeyFrame(); }

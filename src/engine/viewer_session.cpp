@@ -266,9 +266,9 @@ void ViewerSession::sendVideo(const FrameRef& frame, int videoType, Micros now) 
   schedule();
 }
 
-void ViewerSession::sendAudio(const FrameRef& frame, int audioType, bool firstOfTalkspurt, Micros now) {
+void ViewerSession::sendAudio(const FrameRef& frame, int audioType, Micros now) {
   if (ended_ || !media_ || shared_->audioType.load(std::memory_order_relaxed) != audioType) return;
-  media_->sendAudio(frame, firstOfTalkspurt, now);
+  media_->sendAudio(frame, now);
 }
 
 void ViewerSession::restartVideo() {

@@ -50,7 +50,7 @@ class ViewerSession final : private IceAgent::Observer {
   void addCandidate(const IceCandidate& candidate);
 
   void sendVideo(const FrameRef& frame, int videoType, Micros now);
-  void sendAudio(const FrameRef& frame, int audioType, bool firstOfTalkspurt, Micros now);
+  void sendAudio(const FrameRef& frame, int audioType, Micros now);
   void restartVideo();
 
   // About once a second.
