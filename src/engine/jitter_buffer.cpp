@@ -36,8 +36,8 @@ void JitterBuffer::insert(const RtpPacket& packet, Micros now) {
     if (newer) onLate(packet, now);
     return;
   }
-  const auto gap = std::min(begin, static_cast<std::int32_t>(packet.header.timestamp - endTimestamp_));
-  if (gap >= kMaxDelaySamples) {
+  const std::int32_t buffered = std::max(static_cast<std::int32_t>(endTimestamp_ - playTimestamp_), 0);
+  if (std::int64_t{begin} - buffered >= kMaxDelaySamples) {
     if (newer) restart(packet, now);
     return;
   }

@@ -211,6 +211,13 @@ TEST_F(JitterBufferTest, BeginsAnewAtALeapForward) {
   EXPECT_EQ(takeUntil(13 * kFrame), std::vector<int>{200});
 }
 
+TEST_F(JitterBufferTest, BeginsAnewAtTheLongestLeapForward) {
+  // As far as a timestamp can be ahead; as seen from the newest sample it lies in the past.
+  insertNth(0, Micros(0));
+  insert(1, 0x7FFFFFFF, 200, kFrame);
+  EXPECT_EQ(takeUntil(3 * kFrame), std::vector<int>{200});
+}
+
 TEST_F(JitterBufferTest, FollowsALastingLeapBackward) {
   stream(0, 100);
   std::vector<int> played;
