@@ -27,8 +27,6 @@ FrameRef PcmuPacketizer::packetize(ByteView& audio, Micros now) {
   return frame;
 }
 
-FrameRef PcmuPacketizer::packetize(ByteView& audio) { return packetize(audio, end_.value_or(Micros(0))); }
-
 // Whether a talkspurt begins at now.
 bool PcmuPacketizer::passPause(Micros now) {
   const bool first = !end_;

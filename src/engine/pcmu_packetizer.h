@@ -31,7 +31,6 @@ class PcmuPacketizer {
   // follows the one before. Call it until audio is empty; then it returns an empty reference. After a pause the
   // timestamp has advanced by its length, and the packet has the marker of a talkspurt's first.
   FrameRef packetize(ByteView& audio, Micros now);
-  FrameRef packetize(ByteView& audio);
 
  private:
   bool passPause(Micros now);

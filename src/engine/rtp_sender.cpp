@@ -29,10 +29,9 @@ RtpSender::RtpSender(const RtpSenderConfig& config)
       nextSequence_(config.firstSequence),
       nextRtxSequence_(config.rtx ? config.rtx->firstSequence : std::uint16_t{0}) {}
 
-std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
-                                   bool firstOfTalkspurt) {
+std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out) {
   RtpHeader header;
-  header.marker = frame->marker(index) || firstOfTalkspurt;
+  header.marker = frame->marker(index);
   header.payloadType = config_.payloadType;
   header.sequence = nextSequence_++;
   header.timestamp = frame->timestamp() + config_.timestampOffset;

@@ -37,9 +37,7 @@ class RtpSender {
   explicit RtpSender(const RtpSenderConfig& config);
 
   // Writes the frame's packet to out (kMaxRtpPacketBytes), counts and remembers it. Returns its length.
-  // firstOfTalkspurt sets the marker besides the frame's own (audio, RFC 3551, 4.1).
-  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
-                          bool firstOfTalkspurt = false);
+  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out);
 
   // Writes the packet of that sequence number again. Returns its length, or 0 when there is nothing to send.
   // roundTrip: the last measured, 0 when unknown.

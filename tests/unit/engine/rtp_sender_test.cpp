@@ -77,12 +77,6 @@ TEST_F(RtpSenderTest, CountsSequenceNumbersOverTheWrap) {
   EXPECT_EQ(sendAll(sender, makeFrame(3, 0), Micros(0)).header.sequence, 0);
 }
 
-TEST_F(RtpSenderTest, MarksTheFirstPacketOfATalkspurt) {
-  RtpSender sender(config());
-  const FrameRef frame = makeFrame(2, 0);
-  EXPECT_TRUE(read(sender.writePacket(frame, 0, Micros(0), out_.data(), true)).header.marker);
-}
-
 TEST_F(RtpSenderTest, RetransmitsOverItsOwnStreamWithTheOriginalNumber) {
   RtpSender sender(config());
   sendAll(sender, makeFrame(3, 0x200), Micros(0));
