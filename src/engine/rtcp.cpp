@@ -69,9 +69,9 @@ RtcpReportBlock ReadReportBlock(const std::uint8_t* in) {
 }
 
 bool ReadReportBlocks(ByteView bytes, std::size_t count, RtcpCompound& result) {
-  if (bytes.size < count * kReportBlockBytes) return false;
-  for (std::size_t i = 0; i < count; ++i) {
-    result.reportBlocks.push_back(ReadReportBlock(bytes.data + i * kReportBlockBytes));
+  for (; count > 0; --count, bytes = bytes.from(kReportBlockBytes)) {
+    if (bytes.size < kReportBlockBytes) return false;
+    result.reportBlocks.push_back(ReadReportBlock(bytes.data));
   }
   return true;
 }

@@ -80,6 +80,16 @@ SdpCodec MakeCodec(std::uint8_t payloadType) {
   return codec;
 }
 
+// An unreadable mapping leaves a codec that is not known.
+void ReadRtpmap(SdpCodec& codec, std::string_view value) {
+  const std::string_view name = TakeUntil(value, '/');
+  const std::optional<std::uint64_t> clockRate = ReadNumber(TakeUntil(value, '/'), UINT32_MAX);
+  const std::optional<std::uint64_t> channels = ReadNumber(value, UINT8_MAX);
+  codec.name = clockRate ? name : std::string_view();
+  codec.clockRate = static_cast<std::uint32_t>(clockRate.value_or(0));
+  codec.channels = static_cast<std::uint32_t>(channels.value_or(1));
+}
+
 // Reads line by line. Each reading operation returns false, with a reason, for what makes the offer unusable.
 class OfferReader {
  public:
@@ -100,7 +110,6 @@ class OfferReader {
   bool readFingerprint(std::string_view value);
   bool readMid(std::string_view value);
   void readBundleGroup(std::string_view value);
-  void readRtpmap(SdpCodec& codec, std::string_view value);
   SdpCodec* findCodec(std::string_view payloadType);
   // What a line speaks of: the section it stands in, or what all sections inherit.
   SdpSection& current() { return offer_.sections.empty() ? inherited_ : offer_.sections.back(); }
@@ -269,21 +278,11 @@ bool OfferReader::readCodecAttribute(std::string_view name, std::string_view val
   SdpCodec* codec = findCodec(TakeWord(value));
   if (codec == nullptr) return true;
   if (name == "rtpmap") {
-    readRtpmap(*codec, Trim(value));
+    ReadRtpmap(*codec, Trim(value));
   } else {
     codec->parameters = Trim(value);
   }
   return true;
-}
-
-// An unreadable mapping leaves a codec that is not known.
-void OfferReader::readRtpmap(SdpCodec& codec, std::string_view value) {
-  const std::string_view name = TakeUntil(value, '/');
-  const std::optional<std::uint64_t> clockRate = ReadNumber(TakeUntil(value, '/'), UINT32_MAX);
-  const std::optional<std::uint64_t> channels = ReadNumber(value, UINT8_MAX);
-  codec.name = clockRate ? name : std::string_view();
-  codec.clockRate = static_cast<std::uint32_t>(clockRate.value_or(0));
-  codec.channels = static_cast<std::uint32_t>(channels.value_or(1));
 }
 
 bool OfferReader::readFeedback(std::string_view value) {
