@@ -18,7 +18,8 @@ namespace kovra {
 //
 // The delay begins at 40 ms and adapts, one frame at a time: it grows when a packet came too late, and shrinks
 // when for two seconds all packets came needlessly early. It never exceeds 100 ms: then the oldest samples go.
-// Another SSRC, or a lasting jump of the timestamps, begins anew. When no packets come, the output pauses.
+// Another SSRC, or a lasting jump of the timestamps, begins anew. When nothing was there to play for
+// 200 ms, the output pauses until the next packet.
 // One thread at a time.
 class JitterBuffer {
  public:

@@ -6,10 +6,6 @@ namespace kovra {
 
 namespace {
 
-constexpr const char* kEndOfLine = "\r\n";
-
-void AddLine(std::string& sdp, const std::string& line) { sdp.append(line).append(kEndOfLine); }
-
 std::string DigestText(const std::vector<std::uint8_t>& digest) {
   constexpr const char* kDigits = "0123456789ABCDEF";
   std::string text;
@@ -49,7 +45,7 @@ class AnswerWriter {
   }
 
  private:
-  void add(const std::string& line) { AddLine(sdp_, line); }
+  void add(const std::string& line) { sdp_.append(line).append("\r\n"); }
   void addSession();
   void addBundleGroup();
   void addRejected(const SdpSection& section);
