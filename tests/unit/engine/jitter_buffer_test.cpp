@@ -240,6 +240,38 @@ TEST_F(JitterBufferTest, DoesNotFollowOneStrayPacketIntoThePast) {
   EXPECT_EQ(played.back(), ValueOf(37));
 }
 
+TEST_F(JitterBufferTest, IsNotMovedByLatePacketsBetweenTimelyOnes) {
+  stream(0, 10);
+  std::uint16_t sequence = 1000;
+  for (std::uint32_t n = 11; n < 40; ++n) {
+    const Micros now = kFrame * n;
+    takeUntil(now);
+    insert(sequence++, n * kStep, ValueOf(n), now);
+    insert(sequence++, (n - 10) * kStep, 200, now + Micros(3000));
+    ASSERT_EQ(*buffer_.nextDue() % kFrame, Micros(0));
+  }
+}
+
+TEST_F(JitterBufferTest, PlaysOnWhileEveryOtherPacketIsLost) {
+  std::size_t played = 0;
+  for (std::uint32_t n = 0; n < 100; ++n) {
+    played += takeUntil(kFrame * n).size();
+    if (n % 2 == 0) insertNth(n, kFrame * n);
+  }
+  EXPECT_EQ(played, 98u);
+}
+
+TEST_F(JitterBufferTest, LetsNoSampleWaitLongerThanTheLimitWhileItsDelayGrows) {
+  stream(0, 10);
+  Micros now = 13 * kFrame;
+  takeUntil(now);
+  insertNth(11, now + kMillisecond);  // late: the next frame waits
+  for (std::uint32_t n = 12; n < 30; ++n) insertNth(n, now + kMillisecond);
+  const std::vector<int> played = takeUntil(now + kMillisecond + JitterBuffer::kMaxDelay - kFrame);
+  ASSERT_FALSE(played.empty());
+  EXPECT_EQ(played.back(), 29);
+}
+
 TEST_F(JitterBufferTest, GrowsItsDelayWhenPacketsComeLate) {
   stream(0, 50);
   // The way becomes 50 ms longer: more than the delay of 40 ms.

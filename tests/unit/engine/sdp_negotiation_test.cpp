@@ -215,6 +215,12 @@ TEST(Negotiate, TakesTheTransportOfASectionThatHasOne) {
   EXPECT_EQ(result.iceUfrag, "EsAw");
 }
 
+TEST(Negotiate, DoesNotTakeTheTransportOfASectionThatOnlyBundles) {
+  const std::string audio =
+      Replaced(Replaced(kAudioSection, "m=audio 9", "m=audio 0"), "a=mid:1", "a=bundle-only\r\na=mid:1");
+  EXPECT_EQ(NegotiateText(kSessionLines + "a=group:BUNDLE 1 0\r\n" + audio + kVideoSection).transportSection, 1u);
+}
+
 TEST(Negotiate, LeavesRejectedSectionsRejected) {
   const SdpNegotiation result = NegotiateText(Replaced(kBrowserOffer, "m=audio 9", "m=audio 0"));
   EXPECT_THAT(result.fates, ElementsAre(SectionFate::kServed, SectionFate::kRejected, SectionFate::kRejected));
