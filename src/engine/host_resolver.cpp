@@ -21,7 +21,9 @@ bool IsLiteral(const std::string& host) {
   return inet_pton(AF_INET, host.c_str(), &ignored) == 1 || inet_pton(AF_INET6, host.c_str(), &ignored) == 1;
 }
 
-HostResolver::Addresses AskNameService(const std::string& host) {
+}  // namespace
+
+HostResolver::Addresses HostResolver::AskNameService(const std::string& host) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_DGRAM;
   hints.ai_flags = AI_ADDRCONFIG;
@@ -38,16 +40,17 @@ HostResolver::Addresses AskNameService(const std::string& host) {
     }
   }
   freeaddrinfo(list);
-  HostResolver::Addresses found;
+  Addresses found;
   if (!ipv4.empty()) found.push_back(std::move(ipv4));
   if (!ipv6.empty()) found.push_back(std::move(ipv6));
   return found;
 }
 
-}  // namespace
-
 // What the resolver shares with its thread.
 struct HostResolver::Queue {
+  explicit Queue(Lookup function) : lookup(std::move(function)) {}
+
+  const Lookup lookup;
   std::mutex mutex;  // guards what follows
   HostResolver* owner = nullptr;
   NetworkThread* network = nullptr;
@@ -64,7 +67,7 @@ void HostResolver::Queue::Serve(const std::shared_ptr<Queue>& self) {
     std::string host = std::move(self->hosts.front());
     self->hosts.pop_front();
     lock.unlock();
-    Addresses addresses = AskNameService(host);
+    Addresses addresses = self->lookup(host);
     lock.lock();
     if (self->owner == nullptr) break;
     self->network->post([owner = self->owner, host = std::move(host), addresses = std::move(addresses)]() mutable {
@@ -74,7 +77,7 @@ void HostResolver::Queue::Serve(const std::shared_ptr<Queue>& self) {
   self->threadRuns = false;
 }
 
-HostResolver::HostResolver(NetworkThread& network) : queue_(std::make_shared<Queue>()) {
+HostResolver::HostResolver(NetworkThread& network, Lookup lookup) : queue_(std::make_shared<Queue>(std::move(lookup))) {
   queue_->owner = this;
   queue_->network = &network;
 }

@@ -20,11 +20,16 @@ class HostResolver {
   // IP literals, at most one of IPv4 and one of IPv6, IPv4 first; empty: the name cannot be resolved.
   using Addresses = std::vector<std::string>;
   using Done = std::function<void(const Addresses&)>;
+  using Lookup = std::function<Addresses(const std::string&)>;
 
   static constexpr Micros kLifetime{300'000'000};
   static constexpr std::size_t kMaxNames = 64;  // asked or remembered; more are not resolved
 
-  explicit HostResolver(NetworkThread& network);
+  // Asks the system's name service; may take long.
+  static Addresses AskNameService(const std::string& host);
+
+  // lookup runs on the thread for it.
+  explicit HostResolver(NetworkThread& network, Lookup lookup = AskNameService);
   // Forgets what was asked for: no done is called any more.
   ~HostResolver();
   HostResolver(const HostResolver&) = delete;
