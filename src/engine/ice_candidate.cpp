@@ -167,7 +167,8 @@ std::optional<IceCandidate> ReadIceCandidate(std::string_view line) {
 }
 
 std::optional<IceCandidateInit> ReadIceCandidateInit(std::string_view text) {
-  if (text.size() > kMaxCandidateBytes) return std::nullopt;
+  // cJSON would take a zero byte for the end.
+  if (text.size() > kMaxCandidateBytes || text.find('\0') != std::string_view::npos) return std::nullopt;
   text = Trim(text);
   // What JSON.stringify makes of the event that ends a browser's candidates.
   if (text == "null") return IceCandidateInit{};

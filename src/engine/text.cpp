@@ -16,6 +16,9 @@ char LowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A'
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsLetter(char c) { return LowerCase(c) >= 'a' && LowerCase(c) <= 'z'; }
 
+// inet_pton would read no further than there.
+bool HasZero(const std::string& text) { return text.find('\0') != std::string::npos; }
+
 }  // namespace
 
 std::string_view TakeUntil(std::string_view& rest, char separator) {
@@ -71,12 +74,12 @@ bool IsMadeOf(std::string_view text, std::string_view others) {
 
 bool IsIpv4Address(const std::string& text) {
   in_addr address{};
-  return inet_pton(AF_INET, text.c_str(), &address) == 1;
+  return !HasZero(text) && inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
 bool IsIpv6Address(const std::string& text) {
   in6_addr address{};
-  return inet_pton(AF_INET6, text.c_str(), &address) == 1;
+  return !HasZero(text) && inet_pton(AF_INET6, text.c_str(), &address) == 1;
 }
 
 }  // namespace kovra

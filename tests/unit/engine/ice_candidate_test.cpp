@@ -183,6 +183,7 @@ TEST(ReadIceCandidateInit, RefusesWhatIsNeither) {
   for (const char* text : kTexts) EXPECT_FALSE(ReadIceCandidateInit(text)) << text;
   EXPECT_FALSE(ReadIceCandidateInit(std::string(kMaxCandidateBytes + 1, ' ')));
   EXPECT_FALSE(ReadIceCandidateInit(std::string(kMaxCandidateBytes, '{')));
+  EXPECT_FALSE(ReadIceCandidateInit(std::string("{\"candidate\":\"\"}\0x", 18)));
 }
 
 TEST(WriteIceCandidateInit, WritesTheThreeMembers) {

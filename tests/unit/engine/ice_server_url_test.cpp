@@ -83,6 +83,7 @@ TEST(ReadIceServerUrl, RefusesWhatIsNoServer) {
   };
   for (const char* text : kTexts) EXPECT_FALSE(ReadIceServerUrl(text)) << text;
   EXPECT_FALSE(ReadIceServerUrl("stun:" + std::string(256, 'a')));
+  EXPECT_FALSE(ReadIceServerUrl(std::string("turn:[::\0@]", 11)));
 }
 
 }  // namespace

@@ -71,5 +71,10 @@ TEST(IpAddresses, AreToldApart) {
   EXPECT_FALSE(IsIpv6Address("example.org"));
 }
 
+TEST(IpAddresses, EndWithTheText) {
+  EXPECT_FALSE(IsIpv4Address(std::string("192.0.2.1\0.evil", 14)));
+  EXPECT_FALSE(IsIpv6Address(std::string("::\0@", 4)));
+}
+
 }  // namespace
 }  // namespace kovra
