@@ -18,6 +18,7 @@ namespace {
 // Frames given back and kept for reuse: a few key frames' worth.
 constexpr std::size_t kMaxIdleFrameBytes = std::size_t{1} << 20;
 constexpr Micros kReportInterval{1'000'000};
+constexpr Micros kComplaintInterval{10'000'000};
 // At the end relays get this much time to free their allocations.
 constexpr Micros kRelayFarewell{300'000};
 
@@ -74,7 +75,7 @@ KOVRA_SESSION_ID Engine::createSession(const KovraSessionConfig& config) {
   if (!start()) return 0;
   const SessionHandle shared = table_.add(config);
   if (shared == nullptr) {
-    Log(LogLevel::kWarning, "engine: no more than %zu sessions", SessionTable::kMaxSessions);
+    complainAboutCrowd();
     return 0;
   }
   network_.post([this, shared] {
@@ -108,6 +109,7 @@ int Engine::addRemoteCandidate(KOVRA_SESSION_ID id, const std::string& candidate
   // reveal all the same. Other names are no candidates of browsers; nobody is to make us look them up.
   if (!read->candidate || read->candidate->hasLocalName()) return 0;
   if (!read->candidate->hasIpAddress()) return refuse(*shared, "candidate", "its address is a name");
+  if (!shared->mayAddCandidate()) return refuse(*shared, "candidate", "there are too many");
   network_.post([this, id, added = *read->candidate] {
     withSession(id, [&](ViewerSession& session) { session.addCandidate(added); });
   });
@@ -161,6 +163,13 @@ int Engine::writeAudioData(ByteView samples, int audioType) {
   }
   if (wanted) network_.wake();
   return 0;
+}
+
+void Engine::complainAboutCrowd() {
+  const std::int64_t now = MonotonicNow().count();
+  std::int64_t next = nextCrowdComplaint_.load();
+  if (now < next || !nextCrowdComplaint_.compare_exchange_strong(next, now + kComplaintInterval.count())) return;
+  Log(LogLevel::kWarning, "engine: there are %zu sessions, no more are opened", SessionTable::kMaxSessions);
 }
 
 int Engine::refuse(SharedSession& session, const char* what, const char* reason) {

@@ -52,6 +52,7 @@ class Engine {
   bool start();
   // Says why, as far as the session's log may grow; returns the caller's negative result.
   static int refuse(SharedSession& session, const char* what, const char* reason);
+  void complainAboutCrowd();
   H264Packetizer* videoStream(int videoType);
   PcmuPacketizer* audioStream(int audioType);
 
@@ -65,7 +66,8 @@ class Engine {
   const std::shared_ptr<CallbackThread> callbacks_;
   const std::shared_ptr<FramePool> pool_;
   FrameQueue frames_;
-  std::mutex startMutex_;  // guards started_ and stopped_
+  std::atomic<std::int64_t> nextCrowdComplaint_{0};  // monotonic microseconds
+  std::mutex startMutex_;                            // guards started_ and stopped_
   bool started_ = false;
   bool stopped_ = false;
 

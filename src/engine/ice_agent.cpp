@@ -111,13 +111,18 @@ std::unique_ptr<IceAgent> IceAgent::Create(IceContext& ice, const IceSettings& s
   // Two things that need no help from outside the viewer's call, and that open sockets of their own.
   g_object_set(agent, "upnp", FALSE, "ice-tcp", FALSE, nullptr);
   const unsigned stream = nice_agent_add_stream(agent, 1);
-  std::unique_ptr<IceAgent> made(new IceAgent(ice, agent, stream, settings.relayOnly, observer));
+  std::unique_ptr<IceAgent> made(new IceAgent(ice, agent, stream, settings, observer));
   if (stream == 0 || !made->configure(settings)) return nullptr;
   return made;
 }
 
-IceAgent::IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, bool relayOnly, Observer& observer)
-    : ice_(ice), agent_(agent), stream_(stream), relayOnly_(relayOnly), observer_(observer) {}
+IceAgent::IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const IceSettings& settings, Observer& observer)
+    : ice_(ice),
+      heldUntilClosed_(settings.heldUntilClosed),
+      agent_(agent),
+      stream_(stream),
+      relayOnly_(settings.relayOnly),
+      observer_(observer) {}
 
 bool IceAgent::configure(const IceSettings& settings) {
   g_object_set(agent_, "controlling-mode", static_cast<gboolean>(settings.controlling), "force-relay",
@@ -166,14 +171,19 @@ IceAgent::~IceAgent() {
   g_signal_handlers_disconnect_by_data(agent_, this);
   if (stream_ != 0) nice_agent_attach_recv(agent_, stream_, kComponent, nullptr, nullptr, nullptr);
   const ThreadDefaultContext scope(ice_.context);
+  struct Farewell {
+    IceContext& ice;
+    std::shared_ptr<void> held;
+  };
   ++ice_.closing;
   nice_agent_close_async(
       agent_,
-      [](GObject* agent, GAsyncResult*, gpointer ice) {
+      [](GObject* agent, GAsyncResult*, gpointer data) {
         g_object_unref(agent);
-        --static_cast<IceContext*>(ice)->closing;
+        const std::unique_ptr<Farewell> farewell(static_cast<Farewell*>(data));
+        --farewell->ice.closing;
       },
-      &ice_);
+      new Farewell{ice_, std::move(heldUntilClosed_)});
 }
 
 bool IceAgent::gather() { return nice_agent_gather_candidates(agent_, stream_) != FALSE; }

@@ -39,6 +39,7 @@ struct IceSettings {
   std::vector<std::string> localAddresses;  // IP literals to gather on
   std::optional<IceServerAddress> stunServer;
   std::vector<IceRelay> relays;
+  std::shared_ptr<void> heldUntilClosed;  // let go of when the agent's sockets are closed, too
 };
 
 // Where the agents of an engine run.
@@ -94,7 +95,7 @@ class IceAgent {
   SelectedPair selectedPair() const;
 
  private:
-  IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, bool relayOnly, Observer& observer);
+  IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const IceSettings& settings, Observer& observer);
 
   bool configure(const IceSettings& settings);
   void onComponentState(NiceComponentState state);
@@ -107,6 +108,7 @@ class IceAgent {
   };
 
   IceContext& ice_;
+  std::shared_ptr<void> heldUntilClosed_;
   NiceAgent* const agent_;
   const unsigned stream_;
   const bool relayOnly_;

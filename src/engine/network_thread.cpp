@@ -6,6 +6,13 @@
 
 namespace kovra {
 
+namespace {
+
+// Tasks run in portions, so that a flood of them leaves the sockets and timers their turn.
+constexpr int kTasksAtOnce = 32;
+
+}  // namespace
+
 // A source that is ready when something was posted, without a descriptor of its own: waking the context suffices.
 struct NetworkThread::Inbox {
   GSource base;
@@ -62,6 +69,7 @@ void NetworkThread::stop(Task last) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) return;
     stopping_ = true;
+    tasks_.clear();
     tasks_.push_back(std::move(last));
   }
   wake();
@@ -92,12 +100,17 @@ void NetworkThread::run() {
 }
 
 void NetworkThread::runTasks() {
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    running_.swap(tasks_);
+  for (int i = 0; i < kTasksAtOnce; ++i) {
+    Task task;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (tasks_.empty()) return;
+      task = std::move(tasks_.front());
+      tasks_.pop_front();
+    }
+    task();
   }
-  for (const Task& task : running_) task();
-  running_.clear();
+  wake();
 }
 
 LoopTimer::LoopTimer(GMainContext* context, std::function<void()> function)

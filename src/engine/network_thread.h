@@ -5,11 +5,11 @@
 #include <glib.h>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <vector>
 
 #include "media_time.h"
 
@@ -27,7 +27,7 @@ class NetworkThread {
   NetworkThread& operator=(const NetworkThread&) = delete;
 
   void start();
-  // Runs the tasks posted so far, then last, then ends the thread and waits for it. Not from the thread itself.
+  // Drops the tasks that wait, runs last, ends the thread and waits for it. Not from the thread itself.
   void stop(Task last);
 
   // Any thread. Tasks run in order; those posted after stop never do.
@@ -48,9 +48,8 @@ class NetworkThread {
   GSource* const inbox_;
   std::atomic<bool> woken_{false};
   std::mutex mutex_;  // guards what follows
-  std::vector<Task> tasks_;
+  std::deque<Task> tasks_;
   bool stopping_ = false;
-  std::vector<Task> running_;  // the thread's own
   std::thread thread_;
 };
 

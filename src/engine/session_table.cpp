@@ -6,12 +6,12 @@ namespace kovra {
 
 SessionHandle SessionTable::add(const KovraSessionConfig& config) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (sessions_.size() >= kMaxSessions) return nullptr;
+  if (*alive_ >= kMaxSessions) return nullptr;
   KOVRA_SESSION_ID id = 0;
   do {
     id = static_cast<KOVRA_SESSION_ID>(++lastId_);
   } while (id == 0 || locate(id) != sessions_.end());
-  return sessions_.emplace_back(std::make_shared<SharedSession>(id, config));
+  return sessions_.emplace_back(std::make_shared<SharedSession>(id, config, alive_));
 }
 
 SessionHandle SessionTable::find(KOVRA_SESSION_ID id) const {

@@ -5,8 +5,11 @@
 #include <kovra.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace kovra {
@@ -14,8 +17,15 @@ namespace kovra {
 // What all threads share of one session.
 class SharedSession {
  public:
-  SharedSession(KOVRA_SESSION_ID sessionId, const KovraSessionConfig& sessionConfig)
-      : id(sessionId), config(sessionConfig) {}
+  // Counts itself in alive for as long as it is there.
+  SharedSession(KOVRA_SESSION_ID sessionId, const KovraSessionConfig& sessionConfig,
+                std::shared_ptr<std::atomic<std::size_t>> alive)
+      : id(sessionId), config(sessionConfig), alive_(std::move(alive)) {
+    ++*alive_;
+  }
+  ~SharedSession() { --*alive_; }
+  SharedSession(const SharedSession&) = delete;
+  SharedSession& operator=(const SharedSession&) = delete;
 
   const KOVRA_SESSION_ID id;
   const KovraSessionConfig config;
@@ -25,6 +35,8 @@ class SharedSession {
   // Whether a key frame of videoType is wanted. Written by the network thread.
   std::atomic<bool> wantsKeyFrame{false};
 
+  // Whether one more candidate of the viewer's is of any use: far more than libnice takes.
+  bool mayAddCandidate() { return candidates_.fetch_add(1, std::memory_order_relaxed) < kMaxCandidates; }
   // True once: the session takes one offer.
   bool claimOffer() { return !offered_.exchange(true); }
   // Whether one more complaint about what the viewer sent may be logged: a flood of nonsense is not to fill the log.
@@ -34,7 +46,10 @@ class SharedSession {
 
  private:
   static constexpr unsigned kMaxComplaints = 5;
+  static constexpr unsigned kMaxCandidates = 200;
 
+  const std::shared_ptr<std::atomic<std::size_t>> alive_;
+  std::atomic<unsigned> candidates_{0};
   std::atomic<unsigned> complaints_{0};
   std::atomic<bool> offered_{false};
   std::atomic<bool> closedByOwner_{false};
@@ -45,7 +60,8 @@ using SessionHandle = std::shared_ptr<SharedSession>;
 // Any thread.
 class SessionTable {
  public:
-  // Every one costs sockets and memory; far more than a camera's uplink carries.
+  // Every one costs sockets and memory; far more than a camera's uplink carries. Those that were removed count until
+  // nobody holds them any more.
   static constexpr std::size_t kMaxSessions = 128;
 
   // Null when there are too many.
@@ -62,6 +78,7 @@ class SessionTable {
  private:
   std::vector<SessionHandle>::const_iterator locate(KOVRA_SESSION_ID id) const;
 
+  const std::shared_ptr<std::atomic<std::size_t>> alive_ = std::make_shared<std::atomic<std::size_t>>(0);
   mutable std::mutex mutex_;  // guards what follows
   std::vector<SessionHandle> sessions_;
   std::uint32_t lastId_ = 0;

@@ -2,7 +2,9 @@
 #include <kovra.h>
 
 #include <memory>
+#include <mutex>
 #include <utility>
+#include <vector>
 
 #include "dtls_identity.h"
 #include "engine.h"
@@ -37,10 +39,12 @@ int initKovraLibrary(unsigned int level) {
 KovraSessionConfig::KovraSessionConfig() : isAlexaCall(false), trickleIce(true), relayOnly(false) {}
 
 // A few bytes that outlive the streamer, because other threads may still call in while the process exits and
-// destroys it: they find no engine then.
+// destroys it: they find no engine then, or not even this.
 class KovraStreamer::Impl {
  public:
-  std::shared_ptr<Engine> engine() const { return std::atomic_load(&engine_); }
+  static std::shared_ptr<Engine> EngineOf(const Impl* impl) {
+    return impl == nullptr ? nullptr : std::atomic_load(&impl->engine_);
+  }
   std::shared_ptr<Engine> takeEngine() { return std::atomic_exchange(&engine_, std::shared_ptr<Engine>()); }
 
  private:
@@ -59,40 +63,40 @@ KovraStreamer::~KovraStreamer() {
 }
 
 void KovraStreamer::registerCallback(KovraStreamerCallback* callback) {
-  if (const auto engine = impl_->engine()) engine->registerCallback(callback);
+  if (const auto engine = Impl::EngineOf(impl_.get())) engine->registerCallback(callback);
 }
 
 KOVRA_SESSION_ID KovraStreamer::createSession(const KovraSessionConfig& config) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->createSession(config) : 0;
 }
 
 int KovraStreamer::setRemoteOffer(KOVRA_SESSION_ID sid, const std::string& sdp) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->setRemoteOffer(sid, sdp) : -1;
 }
 
 int KovraStreamer::addRemoteCandidate(KOVRA_SESSION_ID sid, const std::string& candidate) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->addRemoteCandidate(sid, candidate) : -1;
 }
 
 int KovraStreamer::closeSession(KOVRA_SESSION_ID sid) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->closeSession(sid) : -1;
 }
 
 int KovraStreamer::setAudioVideoType(KOVRA_SESSION_ID sid, int audioType, int videoType) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->setAudioVideoType(sid, audioType, videoType) : -1;
 }
 
 int KovraStreamer::writeVideoData(std::uint8_t* data, std::size_t size, std::int64_t, int, int videoType) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->writeVideoData({data, data == nullptr ? 0 : size}, videoType) : 0;
 }
 
 int KovraStreamer::writeAudioData(std::uint8_t* data, std::size_t size, std::int64_t, int audioType) {
-  const auto engine = impl_->engine();
+  const auto engine = Impl::EngineOf(impl_.get());
   return engine ? engine->writeAudioData({data, data == nullptr ? 0 : size}, audioType) : -1;
 }

@@ -1,9 +1,12 @@
 #include "viewer_session.h"
 
 #include <openssl/rand.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <utility>
 
 #include "clock.h"
@@ -50,6 +53,18 @@ MediaIdentity RandomIdentity() {
   return identity;
 }
 
+// GLib ends the process when it runs out of descriptors, so that sessions must not use up the last ones. The kernel
+// gives the lowest that is free.
+bool HasSpareDescriptors() {
+  constexpr rlim_t kSpare = 64;
+  rlimit limit{};
+  const int lowestFree = dup(STDERR_FILENO);
+  if (lowestFree < 0 && errno == EMFILE) return false;
+  if (lowestFree >= 0) close(lowestFree);
+  return getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+         static_cast<rlim_t>(std::max(lowestFree, 0)) + kSpare < limit.rlim_cur;
+}
+
 bool IsLoopback(const std::string& ip) { return ip == "::1" || ip.compare(0, 4, "127.") == 0; }
 
 double Seconds(Micros span) { return static_cast<double>(span.count()) / 1e6; }
@@ -71,6 +86,7 @@ ViewerSession::ViewerSession(SessionHandle shared, const SessionServices& servic
 ViewerSession::~ViewerSession() { *self_ = nullptr; }
 
 void ViewerSession::acceptOffer(const SdpOffer& offer, const SdpNegotiation& negotiation) {
+  if (shared_->isClosedByOwner()) return;
   const Micros now = MonotonicNow();
   offer_ = offer;
   negotiation_ = negotiation;
@@ -133,6 +149,8 @@ void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& ser
 
 void ViewerSession::startIce() {
   gatherBy_.reset();
+  if (!HasSpareDescriptors()) return end(KOVRA_STATE_FAILED, "the process has too few file descriptors");
+  iceSettings_.heldUntilClosed = shared_;
   iceSettings_.controlling = negotiation_.iceLite;
   iceSettings_.localUfrag = localUfrag_;
   iceSettings_.localPassword = localPassword_;

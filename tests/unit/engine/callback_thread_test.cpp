@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -62,7 +63,7 @@ class CallbackThreadTest : public testing::Test {
   }
 
   static SessionHandle session(KOVRA_SESSION_ID id) {
-    return std::make_shared<SharedSession>(id, KovraSessionConfig());
+    return std::make_shared<SharedSession>(id, KovraSessionConfig(), std::make_shared<std::atomic<std::size_t>>(0));
   }
 
   Receiver receiver_;

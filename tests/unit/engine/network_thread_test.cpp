@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "clock.h"
@@ -14,13 +17,42 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(NetworkThread, RunsTasksInOrderAndTheLastOneLast) {
+TEST(NetworkThread, RunsTasksInOrder) {
+  std::vector<int> order;
+  std::promise<void> done;
+  NetworkThread network([] {});
+  network.start();
+  for (int i = 0; i < 100; ++i) network.post([&order, i] { order.push_back(i); });
+  network.post([&done] { done.set_value(); });
+  done.get_future().wait();
+  network.stop([&order] { order.push_back(100); });
+  ASSERT_EQ(order.size(), 101u);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST(NetworkThread, DropsTheTasksThatWaitWhenItStops) {
+  std::promise<void> entered;
+  std::promise<void> leave;
   std::vector<int> order;
   NetworkThread network([] {});
   network.start();
-  for (int i = 1; i <= 3; ++i) network.post([&order, i] { order.push_back(i); });
-  network.stop([&order] { order.push_back(4); });
-  EXPECT_THAT(order, ElementsAre(1, 2, 3, 4));
+  network.post([&] {
+    entered.set_value();
+    leave.get_future().wait();
+  });
+  entered.get_future().wait();
+  network.post([&order] { order.push_back(1); });
+  std::thread stopping([&] { network.stop([&order] { order.push_back(2); }); });
+  // Once it refuses tasks it has dropped those that waited: the refused one is destroyed at once.
+  for (std::weak_ptr<int> refused;; std::this_thread::yield()) {
+    auto token = std::make_shared<int>(0);
+    refused = token;
+    network.post([held = std::move(token)] {});
+    if (refused.expired()) break;
+  }
+  leave.set_value();
+  stopping.join();
+  EXPECT_THAT(order, ElementsAre(2));
 }
 
 TEST(NetworkThread, RunsNoTaskPostedAfterStop) {

@@ -38,6 +38,8 @@ TEST(SessionTable, HoldsSoManyAndNoMore) {
   ASSERT_NE(last, nullptr);
   EXPECT_EQ(table.add({}), nullptr);
   table.remove(last->id);
+  EXPECT_EQ(table.add({}), nullptr) << "somebody still holds the one that was removed";
+  last.reset();
   EXPECT_NE(table.add({}), nullptr);
 }
 
@@ -57,19 +59,19 @@ TEST(SessionTable, KnowsWhichKeyFramesAreWanted) {
 }
 
 TEST(SharedSession, BeginsWithVideoTypeOneAndAudioTypeZero) {
-  const SharedSession session(1, {});
+  const SharedSession session(1, {}, std::make_shared<std::atomic<std::size_t>>(0));
   EXPECT_EQ(session.videoType, 1);
   EXPECT_EQ(session.audioType, 0);
 }
 
 TEST(SharedSession, TakesOneOffer) {
-  SharedSession session(1, {});
+  SharedSession session(1, {}, std::make_shared<std::atomic<std::size_t>>(0));
   EXPECT_TRUE(session.claimOffer());
   EXPECT_FALSE(session.claimOffer());
 }
 
 TEST(SharedSession, ComplainsABoundedNumberOfTimes) {
-  SharedSession session(1, {});
+  SharedSession session(1, {}, std::make_shared<std::atomic<std::size_t>>(0));
   int complaints = 0;
   for (int i = 0; i < 1000; ++i) complaints += session.mayComplain() ? 1 : 0;
   EXPECT_GT(complaints, 0);
