@@ -42,7 +42,7 @@ FrameRef H264Packetizer::packetize(ByteView accessUnit, std::uint32_t timestamp)
 
   FrameRef frame = pool_->take(roomFor(accessUnit.size));
   MediaFrame& edited = frame.edit();
-  edited.setTimestamp(timestamp);
+  edited.setTimestamp(advanceTo(timestamp));
   edited.setKeyFrame(contents.idr && parameterSets_.complete());
   // An SPS goes to the very front: decoders read a PPS only when they know its SPS.
   if (contents.idr && !contents.sps) addAll(edited, parameterSets_.sps());
@@ -72,6 +72,13 @@ H264Packetizer::Contents H264Packetizer::collect(ByteView accessUnit) {
     contents.pps = contents.pps || GetNalType(nal) == NalType::kPps;
   }
   return contents;
+}
+
+std::uint32_t H264Packetizer::advanceTo(std::uint32_t timestamp) {
+  // Only a little behind: after hours without a frame the difference of wrapped timestamps means nothing.
+  if (lastTimestamp_ && *lastTimestamp_ - timestamp < kVideoClockRate) timestamp = *lastTimestamp_ + 1;
+  lastTimestamp_ = timestamp;
+  return timestamp;
 }
 
 std::size_t H264Packetizer::roomFor(std::size_t accessUnitBytes) const {

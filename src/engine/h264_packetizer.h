@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "bytes.h"
@@ -28,7 +29,8 @@ class H264Packetizer {
   H264Packetizer(std::shared_ptr<FramePool> pool, std::size_t maxPayload);
 
   // Cuts one access unit in Annex B form; its bytes are borrowed for the call. timestamp is at
-  // kVideoClockRate. Returns an empty reference when nothing is to be sent: no picture in it (parameter
+  // kVideoClockRate; one that is not after the frame before is moved there, since the viewer takes frames of
+  // one timestamp for one. Returns an empty reference when nothing is to be sent: no picture in it (parameter
   // sets that come alone are remembered for the next IDR picture), no start code, or too large.
   FrameRef packetize(ByteView accessUnit, std::uint32_t timestamp);
 
@@ -40,6 +42,7 @@ class H264Packetizer {
     bool pps = false;
   };
   Contents collect(ByteView accessUnit);
+  std::uint32_t advanceTo(std::uint32_t timestamp);
   std::size_t roomFor(std::size_t accessUnitBytes) const;
   void addAll(MediaFrame& frame, const std::vector<std::vector<std::uint8_t>>& nals) const;
   void add(MediaFrame& frame, ByteView nal) const;
@@ -48,6 +51,7 @@ class H264Packetizer {
   const std::shared_ptr<FramePool> pool_;
   const std::size_t maxPayload_;
   H264ParameterSets parameterSets_;
+  std::optional<std::uint32_t> lastTimestamp_;
   std::vector<ByteView> nals_;  // what is sent of the access unit at hand; its memory is kept
 };
 

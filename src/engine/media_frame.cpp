@@ -76,6 +76,13 @@ std::unique_ptr<MediaFrame> FramePool::takeIdle(std::size_t payloadBytes) {
   return frame;
 }
 
+void FramePool::freeIdle() {
+  std::vector<std::unique_ptr<MediaFrame>> idle;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  idle.swap(idle_);
+  idleBytes_ = 0;
+}
+
 std::size_t FramePool::idleBytes() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return idleBytes_;

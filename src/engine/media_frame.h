@@ -87,6 +87,9 @@ class FramePool : public std::enable_shared_from_this<FramePool> {
   // An empty frame with room for so many bytes of payload.
   FrameRef take(std::size_t payloadBytes);
 
+  // Frees what is idle; for when nobody watches any more.
+  void freeIdle();
+
   std::size_t idleBytes() const;
 
  private:

@@ -67,6 +67,18 @@ TEST_F(H264PacketizerTest, SendsASmallNalUnitAsOnePacketWithMarker) {
   EXPECT_EQ(frame->timestamp(), 4711u);
 }
 
+TEST_F(H264PacketizerTest, GivesEachFrameATimestampOfItsOwn) {
+  EXPECT_EQ(packetize({kSlice}, 0xFFFFFFFF)->timestamp(), 0xFFFFFFFFu);
+  EXPECT_EQ(packetize({kSlice}, 0xFFFFFFFF)->timestamp(), 0u);
+  EXPECT_EQ(packetize({kSlice}, 0xFFFFFFF0)->timestamp(), 1u);
+  EXPECT_EQ(packetize({kSlice}, 3000)->timestamp(), 3000u);
+}
+
+TEST_F(H264PacketizerTest, BelievesTheTimestampAfterHoursWithoutAFrame) {
+  packetize({kSlice}, 3000);
+  EXPECT_EQ(packetize({kSlice}, 3000 + 0x90000000u)->timestamp(), 3000 + 0x90000000u);
+}
+
 TEST_F(H264PacketizerTest, PutsEachNalUnitIntoItsOwnPacketAndMarksTheLast) {
   const FrameRef frame = packetize({kSps, kPps, kIdr, kIdr});
   ASSERT_TRUE(frame);

@@ -127,6 +127,16 @@ TEST(FramePool, FreesAFrameLargerThanItsLimit) {
   EXPECT_EQ(pool->idleBytes(), 0u);
 }
 
+TEST(FramePool, FreesWhatIsIdleWhenTold) {
+  const std::shared_ptr<FramePool> pool = FramePool::Create(1 << 20);
+  FrameRef lent = pool->take(1000);
+  pool->take(2000).reset();
+  pool->freeIdle();
+  EXPECT_EQ(pool->idleBytes(), 0u);
+  lent.reset();
+  EXPECT_GE(pool->idleBytes(), 1000u);
+}
+
 TEST(FramePool, ServesSeveralThreads) {
   const std::shared_ptr<FramePool> pool = FramePool::Create(1 << 16);
   std::vector<std::thread> threads;
