@@ -1,5 +1,9 @@
 #include "engine.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -27,6 +31,7 @@ constexpr Micros kRelayFarewell{300'000};
 Engine::Engine()
     : callbacks_(std::make_shared<CallbackThread>()),
       pool_(FramePool::Create(kMaxIdleFrameBytes)),
+      video_(pool_, frames_),
       network_([this] { distributeFrames(); }),
       hosts_(network_),
       second_(network_.context(), [this] { onSecond(); }) {
@@ -40,9 +45,9 @@ bool Engine::start() {
   if (started_ || stopped_) return !stopped_;
   const DtlsIdentity* identity = DtlsIdentity::Get();
   if (identity == nullptr) return false;
-  services_.emplace(SessionServices{*identity, ice_, hosts_, *callbacks_, table_, batch_, [this](KOVRA_SESSION_ID id) {
-                                      network_.post([this, id] { sessions_.erase(id); });
-                                    }});
+  services_.emplace(
+      SessionServices{*identity, ice_, hosts_, *callbacks_, table_, video_, batch_,
+                      [this](KOVRA_SESSION_ID id) { network_.post([this, id] { sessions_.erase(id); }); }});
   CallbackThread::Start(callbacks_);
   network_.start();
   started_ = true;
@@ -129,24 +134,15 @@ int Engine::setAudioVideoType(KOVRA_SESSION_ID id, int audioType, int videoType)
   if (shared == nullptr) return -1;
   if (audioType != -1) shared->audioType.store(audioType, std::memory_order_relaxed);
   if (videoType != -1 && shared->videoType.exchange(videoType) != videoType) {
-    network_.post([this, id] { withSession(id, [](ViewerSession& session) { session.restartVideo(); }); });
+    network_.post([this, id] { withSession(id, [](ViewerSession& session) { session.switchVideo(); }); });
   }
   return 0;
 }
 
 int Engine::writeVideoData(ByteView accessUnit, int videoType) {
-  const Micros now = MonotonicNow();
-  bool isKeyFrame = false;
-  {
-    const std::lock_guard<std::mutex> lock(videoMutex_);
-    H264Packetizer* stream = videoStream(videoType);
-    FrameRef frame = stream == nullptr ? FrameRef() : stream->packetize(accessUnit, ToRtpTicks(now, kVideoClockRate));
-    isKeyFrame = frame && frame->isKeyFrame();
-    if (frame && !table_.empty()) {
-      frames_.push({std::move(frame), QueuedFrame::Medium::kVideo, videoType, now});
-      network_.wake();
-    }
-  }
+  const bool isWatched = !table_.empty();
+  const bool isKeyFrame = video_.write(accessUnit, videoType, isWatched, MonotonicNow());
+  if (isWatched) network_.wake();
   // The key frame that was just written answers the wishes of this stream.
   return !isKeyFrame && table_.wantsKeyFrame(videoType) ? 1 : 0;
 }
@@ -159,7 +155,7 @@ int Engine::writeAudioData(ByteView samples, int audioType) {
   if (stream == nullptr) return -1;
   const bool wanted = !table_.empty();
   for (FrameRef frame = stream->packetize(samples, now); frame; frame = stream->packetize(samples, now)) {
-    if (wanted) frames_.push({std::move(frame), QueuedFrame::Medium::kAudio, audioType, now});
+    if (wanted) frames_.push({{std::move(frame), 0, now}, QueuedFrame::Medium::kAudio, audioType});
   }
   if (wanted) network_.wake();
   return 0;
@@ -177,13 +173,6 @@ int Engine::refuse(SharedSession& session, const char* what, const char* reason)
   return -1;
 }
 
-H264Packetizer* Engine::videoStream(int videoType) {
-  const auto found = videoStreams_.find(videoType);
-  if (found != videoStreams_.end()) return &found->second;
-  if (videoStreams_.size() >= kMaxTypes) return nullptr;
-  return &videoStreams_.try_emplace(videoType, pool_, kMaxRtpPayloadBytes).first->second;
-}
-
 PcmuPacketizer* Engine::audioStream(int audioType) {
   const auto found = audioStreams_.find(audioType);
   if (found != audioStreams_.end()) return &found->second;
@@ -199,14 +188,14 @@ void Engine::withSession(KOVRA_SESSION_ID id, const std::function<void(ViewerSes
 void Engine::distributeFrames() {
   const bool lost = frames_.take(distributed_);
   if (lost) {
-    for (auto& [id, session] : sessions_) session->restartVideo();
+    for (auto& [id, session] : sessions_) session->loseVideo();
   }
   for (const QueuedFrame& queued : distributed_) {
     for (auto& [id, session] : sessions_) {
       if (queued.medium == QueuedFrame::Medium::kVideo) {
-        session->sendVideo(queued.frame, queued.type, queued.arrived);
+        session->sendVideo(queued.media, queued.type);
       } else {
-        session->sendAudio(queued.frame, queued.type, queued.arrived);
+        session->sendAudio(queued.media.frame, queued.type, queued.media.arrived);
       }
     }
   }
@@ -216,7 +205,12 @@ void Engine::distributeFrames() {
 void Engine::onSecond() {
   const Micros now = MonotonicNow();
   for (auto& [id, session] : sessions_) session->onSecond(now);
-  if (!sessions_.empty()) second_.set(now + kReportInterval);
+  if (!sessions_.empty()) return second_.set(now + kReportInterval);
+  // Nobody watches any more: what their frames and sessions took goes back to the system.
+  pool_->freeIdle();
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
 }
 
 }  // namespace kovra

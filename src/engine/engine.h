@@ -14,13 +14,13 @@
 
 #include "callback_thread.h"
 #include "frame_queue.h"
-#include "h264_packetizer.h"
 #include "host_resolver.h"
 #include "ice_agent.h"
 #include "network_thread.h"
 #include "packet_batch.h"
 #include "pcmu_packetizer.h"
 #include "session_table.h"
+#include "video_input.h"
 #include "viewer_session.h"
 
 namespace kovra {
@@ -53,7 +53,6 @@ class Engine {
   // Says why, as far as the session's log may grow; returns the caller's negative result.
   static int refuse(SharedSession& session, const char* what, const char* reason);
   void complainAboutCrowd();
-  H264Packetizer* videoStream(int videoType);
   PcmuPacketizer* audioStream(int audioType);
 
   // On the network thread.
@@ -66,13 +65,12 @@ class Engine {
   const std::shared_ptr<CallbackThread> callbacks_;
   const std::shared_ptr<FramePool> pool_;
   FrameQueue frames_;
+  VideoInput video_;
   std::atomic<std::int64_t> nextCrowdComplaint_{0};  // monotonic microseconds
   std::mutex startMutex_;                            // guards started_ and stopped_
   bool started_ = false;
   bool stopped_ = false;
 
-  std::mutex videoMutex_;  // guards videoStreams_
-  std::map<int, H264Packetizer> videoStreams_;
   std::mutex audioMutex_;  // guards audioStreams_
   std::map<int, PcmuPacketizer> audioStreams_;
 

@@ -6,18 +6,16 @@
 #include <mutex>
 #include <vector>
 
-#include "media_frame.h"
-#include "media_time.h"
+#include "recent_frames.h"
 
 namespace kovra {
 
 struct QueuedFrame {
   enum class Medium { kVideo, kAudio };
 
-  FrameRef frame;
+  RecentFrame media;
   Medium medium = Medium::kVideo;
   int type = 0;  // video or audio type
-  Micros arrived{0};
 };
 
 // Any thread. Bounded, and allocates nothing in the long run.

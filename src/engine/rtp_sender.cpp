@@ -29,12 +29,13 @@ RtpSender::RtpSender(const RtpSenderConfig& config)
       nextSequence_(config.firstSequence),
       nextRtxSequence_(config.rtx ? config.rtx->firstSequence : std::uint16_t{0}) {}
 
-std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out) {
+std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
+                                   std::uint32_t timestampShift) {
   RtpHeader header;
   header.marker = frame->marker(index);
   header.payloadType = config_.payloadType;
   header.sequence = nextSequence_++;
-  header.timestamp = frame->timestamp() + config_.timestampOffset;
+  header.timestamp = frame->timestamp() + config_.timestampOffset + timestampShift;
   header.ssrc = config_.ssrc;
 
   const ByteView payload = frame->payload(index);

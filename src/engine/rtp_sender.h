@@ -37,7 +37,9 @@ class RtpSender {
   explicit RtpSender(const RtpSenderConfig& config);
 
   // Writes the frame's packet to out (kMaxRtpPacketBytes), counts and remembers it. Returns its length.
-  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out);
+  // timestampShift is added to the frame's timestamp, for all its packets alike.
+  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
+                          std::uint32_t timestampShift = 0);
 
   // Writes the packet of that sequence number again. Returns its length, or 0 when there is nothing to send.
   // roundTrip: the last measured, 0 when unknown.

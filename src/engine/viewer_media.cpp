@@ -63,10 +63,10 @@ ViewerMedia::ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identi
 
 void ViewerMedia::prepare() { prepared_ = true; }
 
-void ViewerMedia::open(SrtpTransport srtp, Micros now) {
+void ViewerMedia::open(SrtpTransport srtp) {
   prepared_ = true;
   srtp_.emplace(std::move(srtp));
-  pump(now);
+  gate_.close();  // whatever it has let pass was not sent
 }
 
 void ViewerMedia::sendVideo(const FrameRef& frame, Micros now) {
@@ -75,6 +75,7 @@ void ViewerMedia::sendVideo(const FrameRef& frame, Micros now) {
     ++counts_.droppedFrames;
     return;
   }
+  if (!srtp_) return;  // it is replayed when the keys are there
   const bool late = nextFrame_ < waiting_.size() && now - waiting_[nextFrame_].since > kMaxWaiting;
   if (late || waitingPackets_ + frame->packetCount() > kMaxWaitingPackets) {
     dropWaiting();
@@ -84,9 +85,9 @@ void ViewerMedia::sendVideo(const FrameRef& frame, Micros now) {
       return;
     }
   }
-  waiting_.push_back({frame, now});
+  waiting_.push_back({frame, now, 0});
   waitingPackets_ += frame->packetCount();
-  if (srtp_ && !retryAt_) pump(now);
+  if (!retryAt_) pump(now);
 }
 
 void ViewerMedia::sendAudio(const FrameRef& frame, Micros now) {
@@ -104,6 +105,22 @@ void ViewerMedia::sendAudio(const FrameRef& frame, Micros now) {
 void ViewerMedia::restartVideo() {
   dropWaiting();
   gate_.close();
+}
+
+void ViewerMedia::replayVideo(const std::vector<RecentFrame>& frames, Micros now) {
+  constexpr std::uint32_t kTicksBetween = 9;  // a tenth of a millisecond
+  if (!video_ || frames.empty()) return;
+  std::uint32_t timestamp =
+      frames.back().frame->timestamp() - static_cast<std::uint32_t>(frames.size() - 1) * kTicksBetween;
+  for (const RecentFrame& recent : frames) {
+    gate_.admit(*recent.frame, recent.arrived);
+    waiting_.push_back({recent.frame, now, timestamp - recent.frame->timestamp()});
+    waitingPackets_ += recent.frame->packetCount();
+    timestamp += kTicksBetween;
+  }
+  // Where the source makes key frames on demand, a new one ends the dependence on so long a past.
+  gate_.onPli(now, Micros{0});
+  if (!retryAt_) pump(now);
 }
 
 // Sends what waits until all is gone or the path is full.
@@ -124,8 +141,9 @@ void ViewerMedia::pump(Micros now) {
 void ViewerMedia::fillBatch(Micros now) {
   batch_.clear();
   while (nextFrame_ < waiting_.size() && !batch_.isFull()) {
-    const FrameRef& frame = waiting_[nextFrame_].frame;
-    const std::size_t size = video_->writePacket(frame, nextPacket_, now, batch_.room());
+    const Waiting& next = waiting_[nextFrame_];
+    const FrameRef& frame = next.frame;
+    const std::size_t size = video_->writePacket(frame, nextPacket_, now, batch_.room(), next.timestampShift);
     batch_.add(srtp_->protectRtp(batch_.room(), size));
     ++counts_.videoPackets;
     --waitingPackets_;

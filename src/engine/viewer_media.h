@@ -15,6 +15,7 @@
 #include "key_frame_gate.h"
 #include "media_frame.h"
 #include "packet_batch.h"
+#include "recent_frames.h"
 #include "rtcp.h"
 #include "rtp_reception.h"
 #include "rtp_sender.h"
@@ -57,15 +58,18 @@ class ViewerMedia {
   ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identity, IceAgent& ice, PacketBatch& batch,
               OnTalk onTalk);
 
-  // The path works, the keys are still being agreed on: from here on a key frame is wanted, and frames wait.
+  // The path works, the keys are still being agreed on: from here on a key frame is wanted.
   void prepare();
-  void open(SrtpTransport srtp, Micros now);
+  void open(SrtpTransport srtp);
   bool isOpen() const { return srtp_.has_value(); }
 
   void sendVideo(const FrameRef& frame, Micros now);
   void sendAudio(const FrameRef& frame, Micros now);
   // Another stream follows, or frames were lost before they came here.
   void restartVideo();
+  // Frames that the viewer has missed, from a key frame on. They get timestamps right before that of the last of
+  // them, so that the viewer shows that one at once instead of playing what is past. Open.
+  void replayVideo(const std::vector<RecentFrame>& frames, Micros now);
   bool wantsKeyFrame() const { return prepared_ && video_ && gate_.wantsKeyFrame(); }
 
   // A packet of the viewer's; decrypted in place. True when it was authentic.
@@ -86,6 +90,7 @@ class ViewerMedia {
   struct Waiting {
     FrameRef frame;
     Micros since;
+    std::uint32_t timestampShift;
   };
 
   void pump(Micros now);

@@ -67,6 +67,11 @@ bool HasSpareDescriptors() {
 
 bool IsLoopback(const std::string& ip) { return ip == "::1" || ip.compare(0, 4, "127.") == 0; }
 
+void SortByPriority(std::vector<IceCandidate>& candidates) {
+  std::stable_sort(candidates.begin(), candidates.end(),
+                   [](const IceCandidate& one, const IceCandidate& other) { return one.priority > other.priority; });
+}
+
 double Seconds(Micros span) { return static_cast<double>(span.count()) / 1e6; }
 double Millis(Micros span) { return static_cast<double>(span.count()) / 1e3; }
 
@@ -169,7 +174,11 @@ void ViewerSession::startIce() {
   dtls_.emplace(services_.identity,
                 negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
                 negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
-  if (!ice_->gather()) return end(KOVRA_STATE_FAILED, "no address to gather on");
+  holdCandidates_ = true;
+  const bool gathering = ice_->gather();
+  holdCandidates_ = false;
+  if (!gathering) return end(KOVRA_STATE_FAILED, "no address to gather on");
+  tellCandidates();
   for (const IceCandidate& candidate : negotiation_.candidates) useCandidate(candidate);
   for (const IceCandidate& candidate : remoteCandidates_) useCandidate(candidate);
   remoteCandidates_.clear();
@@ -204,6 +213,7 @@ void ViewerSession::sendAnswer() {
   parameters.videoRtxSsrc = mediaIdentity_.videoRtxSsrc;
   parameters.audioSsrc = mediaIdentity_.audioSsrc;
   parameters.trickle = shared_->config.trickleIce;
+  SortByPriority(localCandidates_);
   parameters.candidates = std::exchange(localCandidates_, {});
   services_.callbacks.postAnswer(shared_, WriteSdpAnswer(offer_, negotiation_, parameters));
   offer_ = {};
@@ -211,13 +221,22 @@ void ViewerSession::sendAnswer() {
 
 void ViewerSession::onLocalCandidate(const IceCandidate& candidate) {
   if (ended_) return;
-  if (!answered_) {
-    localCandidates_.push_back(candidate);
-  } else if (shared_->config.trickleIce) {
-    services_.callbacks.postCandidate(
-        shared_,
-        WriteIceCandidateInit(candidate, negotiation_.mid, static_cast<std::uint16_t>(negotiation_.transportSection)));
+  localCandidates_.push_back(candidate);
+  if (!holdCandidates_) tellCandidates();
+}
+
+// In the order of priority: a viewer may put off nominating a pair while it knows of a candidate that beats it.
+void ViewerSession::tellCandidates() {
+  SortByPriority(localCandidates_);
+  if (!answered_ || ended_) return;
+  if (shared_->config.trickleIce) {
+    for (const IceCandidate& candidate : localCandidates_) {
+      services_.callbacks.postCandidate(
+          shared_, WriteIceCandidateInit(candidate, negotiation_.mid,
+                                         static_cast<std::uint16_t>(negotiation_.transportSection)));
+    }
   }
+  localCandidates_.clear();
 }
 
 void ViewerSession::onGatheringDone() {
@@ -270,16 +289,19 @@ void ViewerSession::afterDtls() {
     const auto keys = dtls_->srtpKeys();
     auto srtp = keys ? SrtpTransport::Create(*keys) : std::nullopt;
     if (!srtp) return end(KOVRA_STATE_FAILED, "no keys for SRTP");
-    media_->open(std::move(*srtp), now);
+    media_->open(std::move(*srtp));
+    replayVideo(now);
   }
   publishWish();
   const bool closed = dtls_->state() == DtlsTransportState::kClosed;
   report(state_.onDtls(dtls_->state(), now), closed ? "the viewer left" : "DTLS failed");
 }
 
-void ViewerSession::sendVideo(const FrameRef& frame, int videoType, Micros now) {
+void ViewerSession::sendVideo(const RecentFrame& frame, int videoType) {
   if (ended_ || !media_ || shared_->videoType.load(std::memory_order_relaxed) != videoType) return;
-  media_->sendVideo(frame, now);
+  if (frame.number <= lastVideo_) return;
+  lastVideo_ = frame.number;
+  media_->sendVideo(frame.frame, frame.arrived);
   publishWish();
   schedule();
 }
@@ -289,10 +311,25 @@ void ViewerSession::sendAudio(const FrameRef& frame, int audioType, Micros now) 
   media_->sendAudio(frame, now);
 }
 
-void ViewerSession::restartVideo() {
+void ViewerSession::loseVideo() {
   if (ended_ || !media_) return;
   media_->restartVideo();
   publishWish();
+}
+
+void ViewerSession::switchVideo() {
+  if (ended_ || !media_) return;
+  media_->restartVideo();
+  replayVideo(MonotonicNow());
+  publishWish();
+  schedule();
+}
+
+void ViewerSession::replayVideo(Micros now) {
+  const auto recent = services_.video.recent(shared_->videoType.load(std::memory_order_relaxed));
+  if (recent.empty() || !media_->isOpen()) return;
+  lastVideo_ = recent.back().number;
+  media_->replayVideo(recent, now);
 }
 
 void ViewerSession::onSecond(Micros now) {

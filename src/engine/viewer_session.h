@@ -20,6 +20,7 @@
 #include "sdp_negotiation.h"
 #include "sdp_offer.h"
 #include "session_table.h"
+#include "video_input.h"
 #include "viewer_media.h"
 
 namespace kovra {
@@ -31,6 +32,7 @@ struct SessionServices {
   HostResolver& hosts;
   CallbackThread& callbacks;
   SessionTable& table;
+  VideoInput& video;
   PacketBatch& batch;
   // The session has ended: it is to be destroyed, but not from inside this call.
   std::function<void(KOVRA_SESSION_ID)> retire;
@@ -49,9 +51,12 @@ class ViewerSession final : private IceAgent::Observer {
   // Before or after the offer.
   void addCandidate(const IceCandidate& candidate);
 
-  void sendVideo(const FrameRef& frame, int videoType, Micros now);
+  void sendVideo(const RecentFrame& frame, int videoType);
   void sendAudio(const FrameRef& frame, int audioType, Micros now);
-  void restartVideo();
+  // Frames were lost before they came here.
+  void loseVideo();
+  // Another video type was chosen.
+  void switchVideo();
 
   // About once a second.
   void onSecond(Micros now);
@@ -62,8 +67,10 @@ class ViewerSession final : private IceAgent::Observer {
   void onIceState(IceTransportState state) override;
   void onLocalCandidate(const IceCandidate& candidate) override;
   void onGatheringDone() override;
+  void tellCandidates();
   void onDatagram(std::uint8_t* data, std::size_t size) override;
 
+  void replayVideo(Micros now);
   void findServers();
   void useServer(const IceServerUrl& url, const KovraIceServer& server, const HostResolver::Addresses& addresses);
   void startIce();
@@ -101,13 +108,15 @@ class ViewerSession final : private IceAgent::Observer {
   std::optional<Micros> gatherBy_;  // start without the servers that are not known by then
   std::optional<Micros> answerBy_;  // without trickle: answer with the candidates found by then
   bool answered_ = false;
-  std::vector<IceCandidate> localCandidates_;   // found before the answer
+  std::vector<IceCandidate> localCandidates_;  // found, but not yet told to the viewer
+  bool holdCandidates_ = false;
   std::vector<IceCandidate> remoteCandidates_;  // given before ICE started
   std::unique_ptr<IceAgent> ice_;
 
   std::optional<DtlsTransport> dtls_;
   std::vector<std::vector<std::uint8_t>> earlyDatagrams_;  // came before we could answer them
   std::optional<ViewerMedia> media_;
+  std::uint64_t lastVideo_ = 0;  // number of the last frame that the media were given
 
   // Guards callbacks of the resolver against a session that is gone.
   const std::shared_ptr<ViewerSession*> self_;
