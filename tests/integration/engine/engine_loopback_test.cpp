@@ -33,7 +33,7 @@ class Camera {
           delta.resize(delta.size() + 1500, 0xCD);
           Bytes audio(160, 0x55);
           for (bool wanted = true; !stop_; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-            Bytes& frame = wanted ? key : delta;
+            Bytes& frame = wanted && makesKeyFrames_ ? key : delta;
             wanted = streamer.writeVideoData(frame.data(), frame.size(), 0, 0, 1) != 0;
             streamer.writeAudioData(audio.data(), audio.size(), 0, 0);
           }
@@ -42,11 +42,14 @@ class Camera {
     stop_ = true;
     thread_.join();
   }
+  // Whether it heeds the wish for key frames.
+  void makeKeyFrames(bool make) { makesKeyFrames_ = make; }
   Camera(const Camera&) = delete;
   Camera& operator=(const Camera&) = delete;
 
  private:
   std::atomic<bool> stop_{false};
+  std::atomic<bool> makesKeyFrames_{true};
   std::thread thread_;
 };
 
@@ -309,6 +312,22 @@ TEST_F(EngineLoopbackTest, KnowsNoIdThatItDidNotGive) {
   EXPECT_NE(streamer_->setAudioVideoType(12345, 0, 1), 0);
   EXPECT_NE(streamer_->closeSession(12345), 0);
   EXPECT_NE(streamer_->closeSession(0), 0);
+}
+
+TEST_F(EngineLoopbackTest, ShowsANewcomerWhatItMissed) {
+  const auto first = watch();
+  // The camera makes no other key frame: nothing but the one that the first viewer got can begin the stream.
+  camera_->makeKeyFrames(false);
+  const auto newcomer = watch();
+  const auto packets = newcomer->packets(kViewerH264, 20);
+  ASSERT_GE(packets.size(), 20u);
+  EXPECT_EQ(packets[0].payload[0] & 0x1F, 7) << "an SPS";
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    EXPECT_EQ(static_cast<std::uint16_t>(packets[i].header.sequence - packets[i - 1].header.sequence), 1) << i;
+    const auto step = static_cast<std::int32_t>(packets[i].header.timestamp - packets[i - 1].header.timestamp);
+    EXPECT_GE(step, 0) << i;
+    EXPECT_EQ(step > 0, packets[i - 1].header.marker) << i;
+  }
 }
 
 TEST_F(EngineLoopbackTest, TakesOneOfferForASession) {

@@ -6,9 +6,11 @@ add_executable(
   frame_queue_test.cpp
   host_resolver_test.cpp
   network_thread_test.cpp
+  recent_frames_test.cpp
   session_table_test.cpp
   srtp_transport_test.cpp
-  udp_path_test.cpp)
+  udp_path_test.cpp
+  video_input_test.cpp)
 target_include_directories(engine_transport_test PRIVATE ${PROJECT_SOURCE_DIR}/src/engine)
 target_link_libraries(
   engine_transport_test PRIVATE signalconn_engine signalconn_engine_media signalconn_warnings PkgConfig::nice
