@@ -118,7 +118,7 @@ std::unique_ptr<IceAgent> IceAgent::Create(IceContext& ice, const IceSettings& s
 
 IceAgent::IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const IceSettings& settings, Observer& observer)
     : ice_(ice),
-      heldUntilClosed_(settings.heldUntilClosed),
+      farewell_(std::make_unique<Farewell>(Farewell{ice, settings.heldUntilClosed})),
       agent_(agent),
       stream_(stream),
       relayOnly_(settings.relayOnly),
@@ -171,19 +171,15 @@ IceAgent::~IceAgent() {
   g_signal_handlers_disconnect_by_data(agent_, this);
   if (stream_ != 0) nice_agent_attach_recv(agent_, stream_, kComponent, nullptr, nullptr, nullptr);
   const ThreadDefaultContext scope(ice_.context);
-  struct Farewell {
-    IceContext& ice;
-    std::shared_ptr<void> held;
-  };
   ++ice_.closing;
   nice_agent_close_async(
       agent_,
       [](GObject* agent, GAsyncResult*, gpointer data) {
         g_object_unref(agent);
-        const std::unique_ptr<Farewell> farewell(static_cast<Farewell*>(data));
+        const std::unique_ptr<const Farewell> farewell(static_cast<Farewell*>(data));
         --farewell->ice.closing;
       },
-      new Farewell{ice_, std::move(heldUntilClosed_)});
+      farewell_.release());
 }
 
 bool IceAgent::gather() { return nice_agent_gather_candidates(agent_, stream_) != FALSE; }

@@ -95,6 +95,12 @@ class IceAgent {
   SelectedPair selectedPair() const;
 
  private:
+  // What is left of the object until libnice has closed.
+  struct Farewell {
+    IceContext& ice;
+    std::shared_ptr<void> held;
+  };
+
   IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const IceSettings& settings, Observer& observer);
 
   bool configure(const IceSettings& settings);
@@ -108,7 +114,7 @@ class IceAgent {
   };
 
   IceContext& ice_;
-  std::shared_ptr<void> heldUntilClosed_;
+  std::unique_ptr<Farewell> farewell_;
   NiceAgent* const agent_;
   const unsigned stream_;
   const bool relayOnly_;

@@ -1,10 +1,9 @@
 #include <glib.h>
 #include <kovra.h>
 
+#include <atomic>
 #include <memory>
-#include <mutex>
 #include <utility>
-#include <vector>
 
 #include "dtls_identity.h"
 #include "engine.h"
@@ -45,21 +44,24 @@ class KovraStreamer::Impl {
   static std::shared_ptr<Engine> EngineOf(const Impl* impl) {
     return impl == nullptr ? nullptr : std::atomic_load(&impl->engine_);
   }
+  // Nobody frees it any more.
+  static void Keep(Impl* impl) {
+    static std::atomic<Impl*> kept{nullptr};
+    impl->keptBefore_ = kept.load();
+    while (!kept.compare_exchange_weak(impl->keptBefore_, impl)) continue;
+  }
   std::shared_ptr<Engine> takeEngine() { return std::atomic_exchange(&engine_, std::shared_ptr<Engine>()); }
 
  private:
   std::shared_ptr<Engine> engine_ = std::make_shared<Engine>();
+  Impl* keptBefore_ = nullptr;
 };
 
 KovraStreamer::KovraStreamer() : impl_(std::make_unique<Impl>()) { QuietLibraries(); }
 
 KovraStreamer::~KovraStreamer() {
-  static auto* const outliving = new std::vector<std::unique_ptr<Impl>>();
-  static std::mutex mutex;
-  const std::shared_ptr<Engine> engine = impl_->takeEngine();
-  engine->stop();
-  const std::lock_guard<std::mutex> lock(mutex);
-  outliving->push_back(std::move(impl_));
+  impl_->takeEngine()->stop();
+  Impl::Keep(impl_.release());
 }
 
 void KovraStreamer::registerCallback(KovraStreamerCallback* callback) {

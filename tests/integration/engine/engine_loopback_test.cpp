@@ -15,7 +15,6 @@ namespace kovra {
 namespace {
 
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::Not;
 

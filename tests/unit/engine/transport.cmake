@@ -13,6 +13,6 @@ add_executable(
   video_input_test.cpp)
 target_include_directories(engine_transport_test PRIVATE ${PROJECT_SOURCE_DIR}/src/engine)
 target_link_libraries(
-  engine_transport_test PRIVATE signalconn_engine signalconn_engine_media signalconn_warnings PkgConfig::nice
+  engine_transport_test PRIVATE signalconn_engine signalconn_engine_media signalconn_engine_sanitizers signalconn_warnings PkgConfig::nice
                                 PkgConfig::openssl GTest::gmock GTest::gtest_main)
 gtest_discover_tests(engine_transport_test PROPERTIES LABELS unit TIMEOUT 120)
