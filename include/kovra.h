@@ -120,7 +120,8 @@ class KovraStreamer {
   int writeVideoData(std::uint8_t* data, std::size_t size, std::int64_t presentationTime, int flags, int videoType);
 
   // Sends one frame of G.711 u-law, 8 kHz mono, to every session whose audio type is audioType. RTP
-  // timestamps advance by size, one unit a byte (RFC 3551). Returns 0, or negative when the frame is empty.
+  // timestamps advance by size, one unit a byte (RFC 3551), and by the length of a pause between frames.
+  // Returns 0, or negative when the frame is empty.
   int writeAudioData(std::uint8_t* data, std::size_t size, std::int64_t presentationTime, int audioType);
 
  private:

@@ -11,15 +11,13 @@ const char* __lsan_default_suppressions() { return "leak:call_init\n"; }
 
 const char* __lsan_default_options() { return "print_suppressions=0"; }
 
-// GLib and GStreamer synchronise where the sanitizer does not see it: what happens inside them is left out.
+// GLib and libnice synchronise where the sanitizer does not see it: what happens inside them is left out.
 const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1"; }
 
-// First: threads that still call in at the end of the process read the engine's pointer to its implementation while
+// Threads that still call in at the end of the process read the engine's pointer to its implementation while
 // the destructor takes it away. Either value will do for them: what it points to stays.
-// Second: GLib's locks, which hand a session's reference from one thread to another, are out of sight.
 const char* __tsan_default_suppressions() {
-  return "race_top:std::__uniq_ptr_impl<KovraStreamer::Impl\n"
-         "race:sessionOf\n";
+  return "race_top:std::__uniq_ptr_impl<KovraStreamer::Impl\n";
 }
 
 }  // extern "C"

@@ -97,7 +97,9 @@ export class Viewer {
     this.videoTrack.sendMessageBinary(makeFir(kVideoFeedbackSsrc, media, this.#firSequence++));
   }
 
+  // Nothing is said any more once the engine has closed the connection.
   speak(byte, length = 160) {
+    if (!this.audioTrack.isOpen()) return;
     const sequence = this.#voiceSequence++;
     this.audioTrack.sendMessageBinary(makeRtp({
       payloadType: kPcmu, sequence, timestamp: sequence * length, ssrc: kVoiceSsrc, payload: Buffer.alloc(length, byte),

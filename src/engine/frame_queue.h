@@ -1,0 +1,40 @@
+// Frames on their way from the callers' threads to the network thread.
+#ifndef SIGNALCONN_ENGINE_FRAME_QUEUE_H
+#define SIGNALCONN_ENGINE_FRAME_QUEUE_H
+
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+#include "recent_frames.h"
+
+namespace kovra {
+
+struct QueuedFrame {
+  enum class Medium { kVideo, kAudio };
+
+  RecentFrame media;
+  Medium medium = Medium::kVideo;
+  int type = 0;  // video or audio type
+};
+
+// Any thread. Bounded, and allocates nothing in the long run.
+class FrameQueue {
+ public:
+  static constexpr std::size_t kMaxFrames = 256;
+
+  // False when the queue was full: the frame is lost, and take tells so.
+  bool push(QueuedFrame frame);
+
+  // Moves all frames to the empty out. Returns whether frames were lost since the call before.
+  bool take(std::vector<QueuedFrame>& out);
+
+ private:
+  std::mutex mutex_;  // guards what follows
+  std::vector<QueuedFrame> frames_;
+  bool lost_ = false;
+};
+
+}  // namespace kovra
+
+#endif  // SIGNALCONN_ENGINE_FRAME_QUEUE_H

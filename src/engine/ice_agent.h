@@ -1,0 +1,130 @@
+// The path to one viewer: ICE (RFC 8445, 8838) by libnice, one component.
+#ifndef SIGNALCONN_ENGINE_ICE_AGENT_H
+#define SIGNALCONN_ENGINE_ICE_AGENT_H
+
+#include <nice/agent.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "connection_state.h"
+#include "ice_candidate.h"
+#include "packet_batch.h"
+#include "udp_path.h"
+
+namespace kovra {
+
+// Where a STUN or TURN server is.
+struct IceServerAddress {
+  std::string ip;
+  std::uint16_t port = 0;
+};
+
+struct IceRelay {
+  IceServerAddress address;
+  IceTransport transport = IceTransport::kUdp;
+  std::string username;
+  std::string credential;
+};
+
+struct IceSettings {
+  bool controlling = false;
+  bool relayOnly = false;
+  std::string localUfrag;
+  std::string localPassword;
+  std::vector<std::string> localAddresses;  // IP literals to gather on
+  std::optional<IceServerAddress> stunServer;
+  std::vector<IceRelay> relays;
+  std::shared_ptr<void> heldUntilClosed;  // let go of when the agent's sockets are closed, too
+};
+
+// Where the agents of an engine run.
+struct IceContext {
+  GMainContext* context = nullptr;
+  unsigned closing = 0;  // agents that are gone for their sessions but still give back their relays
+};
+
+// Everything happens on the thread that runs the context: calls come from there, and the observer is called there,
+// also from inside a call. The observer must not destroy the object from inside a callback.
+class IceAgent {
+ public:
+  class Observer {
+   public:
+    virtual void onIceState(IceTransportState state) = 0;
+    virtual void onLocalCandidate(const IceCandidate& candidate) = 0;
+    virtual void onGatheringDone() = 0;
+    // A datagram of the viewer's that is not STUN; its bytes may be changed during the call.
+    virtual void onDatagram(std::uint8_t* data, std::size_t size) = 0;
+
+   protected:
+    ~Observer() = default;
+  };
+
+  // What was selected, for the log: "host", "srflx", "prflx" or "relay".
+  struct SelectedPair {
+    std::string local;
+    std::string remote;
+  };
+
+  // Null when libnice refuses the settings. observer outlives the object, ice every agent that it counts.
+  static std::unique_ptr<IceAgent> Create(IceContext& ice, const IceSettings& settings, Observer& observer);
+  // Lets relays free their allocations: that goes on in the context for a moment, unobserved.
+  ~IceAgent();
+  IceAgent(const IceAgent&) = delete;
+  IceAgent& operator=(const IceAgent&) = delete;
+
+  // False when not even one address could be used.
+  bool gather();
+  // One more relay, also while gathering; at most 8.
+  bool addRelay(const IceRelay& relay);
+
+  bool setRemoteCredentials(const std::string& ufrag, const std::string& password);
+  // Pairs a candidate of the viewer's, whose address is a literal, with ours. False when it is of no use to us.
+  bool addRemoteCandidate(const IceCandidate& candidate);
+
+  // Whether a pair works, so that send does.
+  bool isConnected() const { return state_ == IceTransportState::kConnected; }
+  // Sends the batch's packets from first on. Returns how many of the batch are done with, as UdpPath does.
+  std::size_t send(const PacketBatch& batch, std::size_t first);
+  bool send(ByteView datagram);
+
+  SelectedPair selectedPair() const;
+
+ private:
+  // What is left of the object until libnice has closed.
+  struct Farewell {
+    IceContext& ice;
+    std::shared_ptr<void> held;
+  };
+
+  IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const IceSettings& settings, Observer& observer);
+
+  bool configure(const IceSettings& settings);
+  void onComponentState(NiceComponentState state);
+  void onNewCandidate(const NiceCandidate& candidate);
+  void onSelectedPair(const NiceCandidate& local, const NiceCandidate& remote);
+  std::size_t sendThroughAgent(const PacketBatch& batch, std::size_t first);
+
+  struct Unref {
+    void operator()(GSocket* socket) const { g_object_unref(socket); }
+  };
+
+  IceContext& ice_;
+  std::unique_ptr<Farewell> farewell_;
+  NiceAgent* const agent_;
+  const unsigned stream_;
+  const bool relayOnly_;
+  Observer& observer_;
+  IceTransportState state_ = IceTransportState::kNew;
+  unsigned remoteCandidates_ = 0;
+  std::unique_ptr<GSocket, Unref> socket_;  // of path_
+  std::optional<UdpPath> path_;             // while the selected pair is plain UDP
+};
+
+}  // namespace kovra
+
+#endif  // SIGNALCONN_ENGINE_ICE_AGENT_H

@@ -1,0 +1,82 @@
+#include "rtp_sender.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kovra {
+
+namespace {
+
+// A viewer asks again after a round trip; where that is not known, not sooner than this.
+constexpr Micros kMinResendInterval{10000};
+
+void Copy(ByteView bytes, std::uint8_t* out) {
+  if (!bytes.empty()) std::memcpy(out, bytes.data, bytes.size);
+}
+
+std::size_t WritePacket(const RtpHeader& header, ByteView prefix, ByteView payload, std::uint8_t* out) {
+  WriteRtpHeader(header, out);
+  Copy(prefix, out + kRtpHeaderBytes);
+  Copy(payload, out + kRtpHeaderBytes + prefix.size);
+  return kRtpHeaderBytes + prefix.size + payload.size;
+}
+
+}  // namespace
+
+RtpSender::RtpSender(const RtpSenderConfig& config)
+    : config_(config),
+      history_(config.historyPackets),
+      nextSequence_(config.firstSequence),
+      nextRtxSequence_(config.rtx ? config.rtx->firstSequence : std::uint16_t{0}) {}
+
+std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
+                                   std::uint32_t timestampShift) {
+  RtpHeader header;
+  header.marker = frame->marker(index);
+  header.payloadType = config_.payloadType;
+  header.sequence = nextSequence_++;
+  header.timestamp = frame->timestamp() + config_.timestampOffset + timestampShift;
+  header.ssrc = config_.ssrc;
+
+  const ByteView payload = frame->payload(index);
+  history_.add(frame, index, header.sequence, header.timestamp, now);
+  ++packets_;
+  octets_ += static_cast<std::uint32_t>(payload.size);
+  lastTimestamp_ = header.timestamp;
+  lastSent_ = now;
+  return WritePacket(header, {}, payload, out);
+}
+
+std::size_t RtpSender::writeRetransmission(std::uint16_t sequence, Micros now, Micros roundTrip, std::uint8_t* out) {
+  const RtpHistory::Packet* packet = history_.resend(sequence, now, std::max(roundTrip, kMinResendInterval));
+  if (packet == nullptr) return 0;
+
+  RtpHeader header;
+  header.marker = packet->frame->marker(packet->index);
+  header.payloadType = config_.payloadType;
+  header.sequence = sequence;
+  header.timestamp = packet->timestamp;
+  header.ssrc = config_.ssrc;
+  const ByteView payload = packet->frame->payload(packet->index);
+  ++retransmitted_;
+  if (!config_.rtx) return WritePacket(header, {}, payload, out);
+
+  std::uint8_t original[kRtxHeaderBytes];
+  WriteU16(sequence, original);
+  header.payloadType = config_.rtx->payloadType;
+  header.sequence = nextRtxSequence_++;
+  header.ssrc = config_.rtx->ssrc;
+  return WritePacket(header, {original, kRtxHeaderBytes}, payload, out);
+}
+
+std::optional<RtcpSenderInfo> RtpSender::senderInfo(Micros now, NtpTime wallClock) const {
+  if (packets_ == 0) return std::nullopt;
+  RtcpSenderInfo info;
+  info.ntp = wallClock;
+  info.rtpTimestamp = lastTimestamp_ + ToRtpTicks(now - lastSent_, config_.clockRate);
+  info.packets = packets_;
+  info.octets = octets_;
+  return info;
+}
+
+}  // namespace kovra

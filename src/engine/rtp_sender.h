@@ -1,0 +1,71 @@
+// One RTP stream to one viewer: headers, counts for sender reports, retransmission (RFC 3550, 4588).
+#ifndef SIGNALCONN_ENGINE_RTP_SENDER_H
+#define SIGNALCONN_ENGINE_RTP_SENDER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "media_frame.h"
+#include "media_time.h"
+#include "rtcp.h"
+#include "rtp_history.h"
+#include "rtp_packet.h"
+
+namespace kovra {
+
+struct RtxConfig {
+  std::uint32_t ssrc = 0;
+  std::uint8_t payloadType = 0;
+  std::uint16_t firstSequence = 0;
+};
+
+// The numbers that RFC 3550 wants random come from the caller.
+struct RtpSenderConfig {
+  std::uint32_t ssrc = 0;
+  std::uint8_t payloadType = 0;
+  std::uint32_t clockRate = 0;
+  std::uint16_t firstSequence = 0;
+  std::uint32_t timestampOffset = 0;
+  std::size_t historyPackets = 0;  // 0: no retransmission
+  std::optional<RtxConfig> rtx;    // without it, packets are sent again as they were: SRTP must allow that
+};
+
+// One thread at a time.
+class RtpSender {
+ public:
+  explicit RtpSender(const RtpSenderConfig& config);
+
+  // Writes the frame's packet to out (kMaxRtpPacketBytes), counts and remembers it. Returns its length.
+  // timestampShift is added to the frame's timestamp, for all its packets alike.
+  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
+                          std::uint32_t timestampShift = 0);
+
+  // Writes the packet of that sequence number again. Returns its length, or 0 when there is nothing to send.
+  // roundTrip: the last measured, 0 when unknown.
+  std::size_t writeRetransmission(std::uint16_t sequence, Micros now, Micros roundTrip, std::uint8_t* out);
+
+  // What a sender report at this time says; nullopt before the first packet.
+  std::optional<RtcpSenderInfo> senderInfo(Micros now, NtpTime wallClock) const;
+
+  // Lets go of remembered frames, for a stream that pauses.
+  void clearHistory() { history_.clear(); }
+
+  std::uint32_t ssrc() const { return config_.ssrc; }
+  std::uint32_t retransmittedPackets() const { return retransmitted_; }
+
+ private:
+  const RtpSenderConfig config_;
+  RtpHistory history_;
+  std::uint16_t nextSequence_;
+  std::uint16_t nextRtxSequence_;
+  std::uint32_t packets_ = 0;
+  std::uint32_t octets_ = 0;
+  std::uint32_t retransmitted_ = 0;
+  std::uint32_t lastTimestamp_ = 0;
+  Micros lastSent_{0};
+};
+
+}  // namespace kovra
+
+#endif  // SIGNALCONN_ENGINE_RTP_SENDER_H

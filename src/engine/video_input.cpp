@@ -1,0 +1,34 @@
+#include "video_input.h"
+
+#include <utility>
+
+#include "rtp_packet.h"
+
+namespace kovra {
+
+VideoInput::Stream::Stream(std::shared_ptr<FramePool> pool) : packetizer(std::move(pool), kMaxRtpPayloadBytes) {}
+
+VideoInput::VideoInput(std::shared_ptr<FramePool> pool, FrameQueue& queue) : pool_(std::move(pool)), queue_(queue) {}
+
+bool VideoInput::write(ByteView accessUnit, int videoType, bool isWatched, Micros now) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  auto stream = streams_.find(videoType);
+  if (stream == streams_.end()) {
+    if (streams_.size() >= kMaxStreams) return false;
+    stream = streams_.try_emplace(videoType, pool_).first;
+  }
+  const FrameRef frame = stream->second.packetizer.packetize(accessUnit, ToRtpTicks(now, kVideoClockRate));
+  if (!frame) return false;
+  const RecentFrame recent{frame, ++lastNumber_, now};
+  stream->second.recent.add(recent);
+  if (isWatched) queue_.push({recent, QueuedFrame::Medium::kVideo, videoType});
+  return frame->isKeyFrame();
+}
+
+std::vector<RecentFrame> VideoInput::recent(int videoType) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto stream = streams_.find(videoType);
+  return stream == streams_.end() ? std::vector<RecentFrame>() : stream->second.recent.frames();
+}
+
+}  // namespace kovra

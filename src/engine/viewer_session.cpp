@@ -1,0 +1,426 @@
+#include "viewer_session.h"
+
+#include <openssl/rand.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "clock.h"
+#include "local_addresses.h"
+#include "log.h"
+#include "sdp_answer.h"
+
+namespace kovra {
+
+namespace {
+
+// Gathering can be started only once, and with only one STUN server: its name gets this much time. Relays whose names
+// take longer are added when they are known.
+constexpr Micros kStunNameTime{500'000};
+// Without trickle a server that does not answer is not to hold up the answer for longer.
+constexpr Micros kGatheringTime{2'000'000};
+constexpr std::size_t kMaxEarlyCandidates = 64;
+constexpr std::size_t kMaxEarlyDatagrams = 8;
+
+// Of the alphabet of ICE (RFC 8445, 5.3), 6 random bits a character.
+std::string RandomText(std::size_t characters) {
+  constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text(characters, '\0');
+  RAND_bytes(reinterpret_cast<unsigned char*>(text.data()), static_cast<int>(characters));
+  for (char& character : text) character = kAlphabet[static_cast<unsigned char>(character) % 64];
+  return text;
+}
+
+std::uint64_t RandomNumber() {
+  std::uint64_t number = 0;
+  RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof(number));
+  return number;
+}
+
+MediaIdentity RandomIdentity() {
+  MediaIdentity identity;
+  do {
+    identity.videoSsrc = static_cast<std::uint32_t>(RandomNumber());
+    identity.videoRtxSsrc = static_cast<std::uint32_t>(RandomNumber());
+    identity.audioSsrc = static_cast<std::uint32_t>(RandomNumber());
+  } while (identity.videoSsrc == identity.videoRtxSsrc || identity.videoSsrc == identity.audioSsrc ||
+           identity.videoRtxSsrc == identity.audioSsrc);
+  identity.cname = RandomText(16);
+  return identity;
+}
+
+// GLib ends the process when it runs out of descriptors, so that sessions must not use up the last ones. The kernel
+// gives the lowest that is free.
+bool HasSpareDescriptors() {
+  constexpr rlim_t kSpare = 64;
+  rlimit limit{};
+  const int lowestFree = dup(STDERR_FILENO);
+  if (lowestFree < 0 && errno == EMFILE) return false;
+  if (lowestFree >= 0) close(lowestFree);
+  return getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+         static_cast<rlim_t>(std::max(lowestFree, 0)) + kSpare < limit.rlim_cur;
+}
+
+bool IsLoopback(const std::string& ip) { return ip == "::1" || ip.compare(0, 4, "127.") == 0; }
+
+void SortByPriority(std::vector<IceCandidate>& candidates) {
+  std::stable_sort(candidates.begin(), candidates.end(),
+                   [](const IceCandidate& one, const IceCandidate& other) { return one.priority > other.priority; });
+}
+
+double Seconds(Micros span) { return static_cast<double>(span.count()) / 1e6; }
+double Millis(Micros span) { return static_cast<double>(span.count()) / 1e3; }
+
+std::optional<Micros> Earlier(std::optional<Micros> one, std::optional<Micros> other) {
+  if (!one || !other) return one ? one : other;
+  return std::min(*one, *other);
+}
+
+}  // namespace
+
+ViewerSession::ViewerSession(SessionHandle shared, const SessionServices& services)
+    : shared_(std::move(shared)),
+      services_(services),
+      timer_(services.ice.context, [this] { onTimer(); }),
+      self_(std::make_shared<ViewerSession*>(this)) {}
+
+ViewerSession::~ViewerSession() { *self_ = nullptr; }
+
+void ViewerSession::acceptOffer(const SdpOffer& offer, const SdpNegotiation& negotiation) {
+  if (shared_->isClosedByOwner()) return;
+  const Micros now = MonotonicNow();
+  offer_ = offer;
+  negotiation_ = negotiation;
+  offeredAt_ = now;
+  localUfrag_ = RandomText(8);
+  localPassword_ = RandomText(24);
+  mediaIdentity_ = RandomIdentity();
+  logBegin();
+  report(state_.start(), "");
+  if (shared_->config.trickleIce) {
+    sendAnswer();
+  } else {
+    answerBy_ = now + kGatheringTime;
+  }
+  report(state_.onOffer(now), "");
+  findServers();
+  if (unresolvedStunServers_ > 0 && !iceSettings_.stunServer) {
+    gatherBy_ = now + kStunNameTime;
+  } else {
+    startIce();
+  }
+  schedule();
+}
+
+// Every server whose address is known at once is in iceSettings_ when this returns; the others follow.
+void ViewerSession::findServers() {
+  const KovraSessionConfig& config = shared_->config;
+  iceSettings_.relayOnly = config.relayOnly;
+  for (const KovraIceServer& server : config.iceServers) {
+    const auto url = ReadIceServerUrl(server.url);
+    if (!url || url->isSecure()) {
+      Log(LogLevel::kWarning, "engine: session %d: server %s is left out: %s", shared_->id, server.url.c_str(),
+          url ? "TLS to servers is not supported" : "no such kind of URL");
+      continue;
+    }
+    ++(url->isRelay() ? unresolvedRelays_ : unresolvedStunServers_);
+    services_.hosts.resolve(url->host, [self = self_, url = *url, server](const HostResolver::Addresses& addresses) {
+      if (*self != nullptr) (*self)->useServer(url, server, addresses);
+    });
+  }
+}
+
+void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& server,
+                              const HostResolver::Addresses& addresses) {
+  --(url.isRelay() ? unresolvedRelays_ : unresolvedStunServers_);
+  if (addresses.empty()) {
+    Log(LogLevel::kWarning, "engine: session %d: no address for %s", shared_->id, server.url.c_str());
+  }
+  for (const std::string& ip : addresses) {
+    if (url.isRelay()) {
+      const IceRelay relay{{ip, url.port}, url.transport, server.username, server.credential};
+      iceSettings_.relays.push_back(relay);
+      if (ice_) ice_->addRelay(relay);
+    } else if (!iceSettings_.stunServer) {
+      iceSettings_.stunServer = IceServerAddress{ip, url.port};
+    }
+  }
+  if (gatherBy_ && (iceSettings_.stunServer || unresolvedStunServers_ == 0)) startIce();
+}
+
+void ViewerSession::startIce() {
+  gatherBy_.reset();
+  if (!HasSpareDescriptors()) return end(KOVRA_STATE_FAILED, "the process has too few file descriptors");
+  iceSettings_.heldUntilClosed = shared_;
+  iceSettings_.controlling = negotiation_.iceLite;
+  iceSettings_.localUfrag = localUfrag_;
+  iceSettings_.localPassword = localPassword_;
+  const auto& relays = iceSettings_.relays;
+  const bool withLoopback =
+      (iceSettings_.stunServer && IsLoopback(iceSettings_.stunServer->ip)) ||
+      std::any_of(relays.begin(), relays.end(), [](const IceRelay& relay) { return IsLoopback(relay.address.ip); });
+  iceSettings_.localAddresses = LocalAddresses(withLoopback);
+
+  ice_ = IceAgent::Create(services_.ice, iceSettings_, *this);
+  if (!ice_ || !ice_->setRemoteCredentials(negotiation_.iceUfrag, negotiation_.icePassword)) {
+    return end(KOVRA_STATE_FAILED, "libnice refused the session");
+  }
+  media_.emplace(negotiation_, mediaIdentity_, *ice_, services_.batch,
+                 [this](const JitterBuffer::Frame& frame) { services_.callbacks.postAudio(shared_, frame); });
+  dtls_.emplace(services_.identity,
+                negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
+                negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
+  holdCandidates_ = true;
+  const bool gathering = ice_->gather();
+  holdCandidates_ = false;
+  if (!gathering) return end(KOVRA_STATE_FAILED, "no address to gather on");
+  tellCandidates();
+  for (const IceCandidate& candidate : negotiation_.candidates) useCandidate(candidate);
+  for (const IceCandidate& candidate : remoteCandidates_) useCandidate(candidate);
+  remoteCandidates_.clear();
+}
+
+void ViewerSession::addCandidate(const IceCandidate& candidate) {
+  if (ice_) {
+    useCandidate(candidate);
+  } else if (remoteCandidates_.size() < kMaxEarlyCandidates) {
+    remoteCandidates_.push_back(candidate);
+  }
+}
+
+void ViewerSession::useCandidate(const IceCandidate& candidate) {
+  // The offer may hold names, which are of no use (see Engine::addRemoteCandidate).
+  if (ended_ || !candidate.hasIpAddress()) return;
+  if (!candidate.usernameFragment.empty() && candidate.usernameFragment != negotiation_.iceUfrag) return;
+  ice_->addRemoteCandidate(candidate);
+}
+
+void ViewerSession::sendAnswer() {
+  answered_ = true;
+  answerBy_.reset();
+  SdpAnswerParameters parameters;
+  parameters.sessionId = RandomNumber() >> 1;
+  parameters.iceUfrag = localUfrag_;
+  parameters.icePassword = localPassword_;
+  parameters.fingerprint = services_.identity.fingerprint();
+  parameters.cname = mediaIdentity_.cname;
+  parameters.streamId = "camera";
+  parameters.videoSsrc = mediaIdentity_.videoSsrc;
+  parameters.videoRtxSsrc = mediaIdentity_.videoRtxSsrc;
+  parameters.audioSsrc = mediaIdentity_.audioSsrc;
+  parameters.trickle = shared_->config.trickleIce;
+  SortByPriority(localCandidates_);
+  parameters.candidates = std::exchange(localCandidates_, {});
+  services_.callbacks.postAnswer(shared_, WriteSdpAnswer(offer_, negotiation_, parameters));
+  offer_ = {};
+}
+
+void ViewerSession::onLocalCandidate(const IceCandidate& candidate) {
+  if (ended_) return;
+  localCandidates_.push_back(candidate);
+  if (!holdCandidates_) tellCandidates();
+}
+
+// In the order of priority: a viewer may put off nominating a pair while it knows of a candidate that beats it.
+void ViewerSession::tellCandidates() {
+  SortByPriority(localCandidates_);
+  if (!answered_ || ended_) return;
+  if (shared_->config.trickleIce) {
+    for (const IceCandidate& candidate : localCandidates_) {
+      services_.callbacks.postCandidate(
+          shared_, WriteIceCandidateInit(candidate, negotiation_.mid,
+                                         static_cast<std::uint16_t>(negotiation_.transportSection)));
+    }
+  }
+  localCandidates_.clear();
+}
+
+void ViewerSession::onGatheringDone() {
+  if (!ended_ && !answered_ && unresolvedRelays_ == 0) sendAnswer();
+}
+
+void ViewerSession::onIceState(IceTransportState state) {
+  if (ended_) return;
+  report(state_.onIce(state, MonotonicNow()), "the viewer does not answer any more");
+  if (state == IceTransportState::kConnected) startDtls();
+  schedule();
+}
+
+void ViewerSession::startDtls() {
+  if (ended_) return;
+  media_->prepare();
+  dtls_->start();
+  for (const auto& datagram : std::exchange(earlyDatagrams_, {})) dtls_->receive(ByteView(datagram));
+  afterDtls();
+}
+
+void ViewerSession::onDatagram(std::uint8_t* data, std::size_t size) {
+  if (ended_ || size == 0) return;
+  // What shares the port tells itself apart by the first byte (RFC 7983).
+  const bool isDtls = data[0] >= 20 && data[0] <= 63;
+  const bool isMedia = data[0] >= 128 && data[0] <= 191;
+  if (isDtls) {
+    receiveDtls({data, size});
+  } else if (isMedia) {
+    const Micros now = MonotonicNow();
+    if (media_->receive(data, size, now)) report(state_.onAlive(now), "");
+    publishWish();
+    schedule();
+  }
+}
+
+void ViewerSession::receiveDtls(ByteView datagram) {
+  if (ice_->isConnected()) {
+    dtls_->receive(datagram);
+    afterDtls();
+    schedule();
+  } else if (earlyDatagrams_.size() < kMaxEarlyDatagrams) {
+    earlyDatagrams_.emplace_back(datagram.data, datagram.data + datagram.size);
+  }
+}
+
+void ViewerSession::afterDtls() {
+  const Micros now = MonotonicNow();
+  if (dtls_->state() == DtlsTransportState::kConnected && !media_->isOpen()) {
+    const auto keys = dtls_->srtpKeys();
+    auto srtp = keys ? SrtpTransport::Create(*keys) : std::nullopt;
+    if (!srtp) return end(KOVRA_STATE_FAILED, "no keys for SRTP");
+    media_->open(std::move(*srtp));
+    replayVideo(now);
+  }
+  publishWish();
+  const bool closed = dtls_->state() == DtlsTransportState::kClosed;
+  report(state_.onDtls(dtls_->state(), now), closed ? "the viewer left" : "DTLS failed");
+}
+
+void ViewerSession::sendVideo(const RecentFrame& frame, int videoType) {
+  if (ended_ || !media_ || shared_->videoType.load(std::memory_order_relaxed) != videoType) return;
+  if (frame.number <= lastVideo_) return;
+  lastVideo_ = frame.number;
+  media_->sendVideo(frame.frame, frame.arrived);
+  publishWish();
+  schedule();
+}
+
+void ViewerSession::sendAudio(const FrameRef& frame, int audioType, Micros now) {
+  if (ended_ || !media_ || shared_->audioType.load(std::memory_order_relaxed) != audioType) return;
+  media_->sendAudio(frame, now);
+}
+
+void ViewerSession::loseVideo() {
+  if (ended_ || !media_) return;
+  media_->restartVideo();
+  publishWish();
+}
+
+void ViewerSession::switchVideo() {
+  if (ended_ || !media_) return;
+  media_->restartVideo();
+  replayVideo(MonotonicNow());
+  publishWish();
+  schedule();
+}
+
+void ViewerSession::replayVideo(Micros now) {
+  const auto recent = services_.video.recent(shared_->videoType.load(std::memory_order_relaxed));
+  if (recent.empty() || !media_->isOpen()) return;
+  lastVideo_ = recent.back().number;
+  media_->replayVideo(recent, now);
+}
+
+void ViewerSession::onSecond(Micros now) {
+  if (ended_ || !media_) return;
+  // libnice asks the viewer for its consent every few seconds and gives up after ten without an answer (RFC 7675);
+  // until then the path lives.
+  if (ice_->isConnected()) report(state_.onAlive(now), "");
+  media_->report(now);
+}
+
+void ViewerSession::close(const char* reason) {
+  if (ended_) return;
+  if (media_) media_->sayGoodbye(MonotonicNow());
+  if (dtls_) dtls_->close();
+  end(KOVRA_STATE_CLOSED, reason);
+}
+
+void ViewerSession::onTimer() {
+  const Micros now = MonotonicNow();
+  if (gatherBy_ && now >= *gatherBy_) startIce();
+  if (answerBy_ && now >= *answerBy_) sendAnswer();
+  if (ended_) return;
+  if (dtls_ && dtls_->timeLeft() == Micros{0}) {
+    dtls_->onTimeout();
+    afterDtls();
+  }
+  if (media_) {
+    media_->onTime(now);
+    publishWish();
+  }
+  report(state_.onTime(now),
+         state_.state() == KOVRA_STATE_CONNECTING ? "no connection came about" : "the viewer does not answer any more");
+  schedule();
+}
+
+void ViewerSession::schedule() {
+  if (ended_) return timer_.set(std::nullopt);
+  std::optional<Micros> next = Earlier(state_.deadline(), Earlier(gatherBy_, answerBy_));
+  if (media_) next = Earlier(next, media_->deadline());
+  if (dtls_) {
+    if (const auto left = dtls_->timeLeft()) next = Earlier(next, MonotonicNow() + *left);
+  }
+  timer_.set(next);
+}
+
+void ViewerSession::publishWish() {
+  shared_->wantsKeyFrame.store(!ended_ && media_->wantsKeyFrame(), std::memory_order_relaxed);
+}
+
+void ViewerSession::report(std::optional<KOVRA_STATE> state, const char* reason) {
+  if (!state || ended_) return;
+  if (state_.isFinal()) return end(*state, reason);
+  if (*state == KOVRA_STATE_CONNECTED && !connectedAt_) connectedAt_ = MonotonicNow();
+  services_.callbacks.postState(shared_, *state);
+}
+
+void ViewerSession::end(KOVRA_STATE state, const char* reason) {
+  if (ended_) return;
+  ended_ = true;
+  shared_->wantsKeyFrame.store(false, std::memory_order_relaxed);
+  timer_.set(std::nullopt);
+  logEnd(reason);
+  // From here on the id names nothing, so that whoever is told finds it so. When the owner closed the session, it is
+  // not told.
+  if (services_.table.remove(shared_->id) != nullptr) services_.callbacks.postState(shared_, state);
+  services_.retire(shared_->id);
+}
+
+void ViewerSession::logBegin() const {
+  Log(LogLevel::kSession, "engine: session %d: begins with %s%s%s", shared_->id, negotiation_.video ? "video" : "",
+      negotiation_.video && negotiation_.audio ? " and " : "", negotiation_.audio ? "audio" : "");
+}
+
+void ViewerSession::logEnd(const char* reason) const {
+  if (!offeredAt_ || !IsLogged(LogLevel::kSession)) return;
+  const double lasted = Seconds(MonotonicNow() - *offeredAt_);
+  if (!connectedAt_) {
+    return Log(LogLevel::kSession, "engine: session %d: ends after %.1f s, never connected: %s", shared_->id, lasted,
+               reason);
+  }
+  const MediaCounts counts = media_->counts();
+  const auto pair = ice_->selectedPair();
+  const double lost =
+      counts.videoPackets == 0 ? 0.0 : 100.0 * counts.lostPackets / static_cast<double>(counts.videoPackets);
+  Log(LogLevel::kSession,
+      "engine: session %d: ends after %.1f s: %s; connected in %.0f ms by %s to %s; %llu video and %llu audio packets, "
+      "%llu sent again, %.1f %% lost, round trip %.1f ms, %llu frames dropped",
+      shared_->id, lasted, reason, Millis(*connectedAt_ - *offeredAt_), pair.local.c_str(), pair.remote.c_str(),
+      static_cast<unsigned long long>(counts.videoPackets), static_cast<unsigned long long>(counts.audioPackets),
+      static_cast<unsigned long long>(counts.retransmissions), lost, Millis(counts.roundTrip),
+      static_cast<unsigned long long>(counts.droppedFrames));
+}
+
+}  // namespace kovra

@@ -1,0 +1,353 @@
+// The engine against a viewer that misbehaves, and against what browsers do too seldom to test it with them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/rand.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "engine_events.h"
+#include "loopback_viewer.h"
+#include "session_table.h"
+
+namespace kovra {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A camera that writes what looks like H.264: a key frame whenever one is wanted, audio beside it.
+class Camera {
+ public:
+  explicit Camera(KovraStreamer& streamer)
+      : thread_([this, &streamer] {
+          Bytes key = {0, 0, 0, 1,    0x67, 0x42, 0xE0, 0x1F, 0xDA, 0x02, 0xD0, 0x44, 0,
+                       0, 0, 1, 0x68, 0xCE, 0x38, 0x80, 0,    0,    0,    1,    0x65};
+          key.resize(key.size() + 5000, 0xAB);
+          Bytes delta = {0, 0, 0, 1, 0x41};
+          delta.resize(delta.size() + 1500, 0xCD);
+          Bytes audio(160, 0x55);
+          for (bool wanted = true; !stop_; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+            Bytes& frame = wanted && makesKeyFrames_ ? key : delta;
+            wanted = streamer.writeVideoData(frame.data(), frame.size(), 0, 0, 1) != 0;
+            streamer.writeAudioData(audio.data(), audio.size(), 0, 0);
+          }
+        }) {}
+  ~Camera() {
+    stop_ = true;
+    thread_.join();
+  }
+  // Whether it heeds the wish for key frames.
+  void makeKeyFrames(bool make) { makesKeyFrames_ = make; }
+  Camera(const Camera&) = delete;
+  Camera& operator=(const Camera&) = delete;
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> makesKeyFrames_{true};
+  std::thread thread_;
+};
+
+class EngineLoopbackTest : public testing::Test {
+ protected:
+  EngineLoopbackTest() {
+    initKovraLibrary(1);
+    streamer_->registerCallback(&events_);
+    camera_.emplace(*streamer_);
+  }
+  ~EngineLoopbackTest() override { camera_.reset(); }
+
+  // A viewer that watches.
+  std::unique_ptr<LoopbackViewer> watch(const ViewerOffer& offer = {}) {
+    auto viewer = std::make_unique<LoopbackViewer>(*streamer_, events_);
+    EXPECT_TRUE(viewer->call(offer));
+    EXPECT_TRUE(viewer->waitUntilConnected());
+    EXPECT_GE(viewer->packets(kViewerH264, 10).size(), 10u);
+    return viewer;
+  }
+
+  static void expectMoreVideo(LoopbackViewer& viewer) {
+    const std::size_t before = viewer.packets(kViewerH264, 0).size();
+    EXPECT_GE(viewer.packets(kViewerH264, before + 20).size(), before + 20);
+  }
+
+  EngineEvents events_;
+  std::unique_ptr<KovraStreamer> streamer_ = std::make_unique<KovraStreamer>();
+  std::optional<Camera> camera_;
+};
+
+Bytes Nack(std::uint32_t mediaSsrc, std::uint16_t sequence) {
+  Bytes packet;
+  WriteReceiverReport(kViewerSsrc, {}, packet);
+  const std::size_t begin = packet.size();
+  packet.resize(begin + 16);
+  packet[begin] = 0x81;
+  packet[begin + 1] = 205;
+  WriteU16(3, &packet[begin + 2]);
+  WriteU32(kViewerSsrc, &packet[begin + 4]);
+  WriteU32(mediaSsrc, &packet[begin + 8]);
+  WriteU16(sequence, &packet[begin + 12]);
+  WriteU16(0, &packet[begin + 14]);
+  return packet;
+}
+
+TEST_F(EngineLoopbackTest, AnswersANackByRtx) {
+  const auto viewer = watch();
+  const auto lost = viewer->packets(kViewerH264, 1).front();
+  viewer->sendRtcp(Nack(lost.header.ssrc, lost.header.sequence));
+  const auto repeated = viewer->packets(kViewerRtx, 1);
+  ASSERT_FALSE(repeated.empty());
+  EXPECT_NE(repeated[0].header.ssrc, lost.header.ssrc);
+  EXPECT_EQ(repeated[0].header.timestamp, lost.header.timestamp);
+  ASSERT_EQ(repeated[0].payload.size(), lost.payload.size() + 2);
+  EXPECT_EQ(ReadU16(repeated[0].payload.data()), lost.header.sequence);
+  EXPECT_EQ(Bytes(repeated[0].payload.begin() + 2, repeated[0].payload.end()), lost.payload);
+}
+
+TEST_F(EngineLoopbackTest, AnswersNoNackTwiceAtOnce) {
+  const auto viewer = watch();
+  const auto first = viewer->packets(kViewerH264, 2);
+  for (int i = 0; i < 50; ++i) viewer->sendRtcp(Nack(first[0].header.ssrc, first[0].header.sequence));
+  viewer->sendRtcp(Nack(first[1].header.ssrc, first[1].header.sequence));
+  const auto repeated = viewer->packets(kViewerRtx, 2);
+  EXPECT_LT(repeated.size(), 20u);
+}
+
+TEST_F(EngineLoopbackTest, IgnoresNacksForWhatItNeverSent) {
+  const auto viewer = watch();
+  const auto sent = viewer->packets(kViewerH264, 1).front();
+  viewer->sendRtcp(Nack(sent.header.ssrc, static_cast<std::uint16_t>(sent.header.sequence - 1000)));
+  viewer->sendRtcp(Nack(sent.header.ssrc + 1, sent.header.sequence));
+  expectMoreVideo(*viewer);
+  EXPECT_TRUE(viewer->packets(kViewerRtx, 0).empty());
+}
+
+TEST_F(EngineLoopbackTest, ReportsBothStreamsAsASender) {
+  const auto viewer = watch();
+  const std::uint32_t video = viewer->packets(kViewerH264, 1).front().header.ssrc;
+  const std::uint32_t audio = viewer->packets(0, 1).front().header.ssrc;
+  for (const std::uint32_t ssrc : {video, audio}) {
+    EXPECT_TRUE(viewer->waitForRtcp([&](const RtcpCompound& compound) {
+      return std::any_of(
+          compound.senderReports.begin(), compound.senderReports.end(),
+          [&](const RtcpSenderReport& report) { return report.ssrc == ssrc && report.info.packets > 0; });
+    })) << ssrc;
+  }
+}
+
+TEST_F(EngineLoopbackTest, ReportsHowTheVoiceArrives) {
+  const auto viewer = watch();
+  for (std::uint16_t sequence = 1; sequence <= 10; ++sequence) viewer->sendVoice(sequence, 0x11);
+  EXPECT_TRUE(viewer->waitForRtcp([](const RtcpCompound& compound) {
+    return std::any_of(compound.reportBlocks.begin(), compound.reportBlocks.end(), [](const RtcpReportBlock& block) {
+      return block.ssrc == kVoiceSsrc && (block.highestSequence & 0xFFFF) == 10;
+    });
+  }));
+}
+
+TEST_F(EngineLoopbackTest, SeesTheViewerLeave) {
+  const auto viewer = watch();
+  viewer->closeDtls();
+  EXPECT_TRUE(events_.waitForState(viewer->session(), KOVRA_STATE_CLOSED));
+  EXPECT_NE(streamer_->closeSession(viewer->session()), 0) << "the id names nothing any more";
+}
+
+TEST_F(EngineLoopbackTest, TellsTheViewerThatItCloses) {
+  const auto viewer = watch();
+  const std::uint32_t video = viewer->packets(kViewerH264, 1).front().header.ssrc;
+  EXPECT_EQ(streamer_->closeSession(viewer->session()), 0);
+  EXPECT_TRUE(viewer->waitForDtls(DtlsTransportState::kClosed));
+  EXPECT_TRUE(viewer->waitForRtcp([&](const RtcpCompound& compound) {
+    return std::find(compound.byes.begin(), compound.byes.end(), video) != compound.byes.end();
+  }));
+  EXPECT_THAT(events_.session(viewer->session()).states, Not(Contains(KOVRA_STATE_CLOSED)));
+}
+
+TEST_F(EngineLoopbackTest, TellsTheViewersThatItIsDestroyed) {
+  const auto one = watch();
+  const auto other = watch();
+  camera_.reset();
+  // The viewers keep a reference that they do not use any more.
+  streamer_.reset();
+  EXPECT_TRUE(one->waitForDtls(DtlsTransportState::kClosed));
+  EXPECT_TRUE(other->waitForDtls(DtlsTransportState::kClosed));
+}
+
+TEST_F(EngineLoopbackTest, FailsWhenTheCertificateIsNotTheOneOfTheOffer) {
+  LoopbackViewer viewer(*streamer_, events_);
+  ViewerOffer offer;
+  offer.wrongFingerprint = true;
+  ASSERT_TRUE(viewer.call(offer));
+  EXPECT_TRUE(events_.waitForState(viewer.session(), KOVRA_STATE_FAILED));
+  EXPECT_THAT(events_.session(viewer.session()).states, Not(Contains(KOVRA_STATE_CONNECTED)));
+  EXPECT_TRUE(viewer.packets(kViewerH264, 0).empty());
+}
+
+TEST_F(EngineLoopbackTest, IsTheDtlsClientOfAViewerThatWantsToBeServer) {
+  ViewerOffer offer;
+  offer.setup = "passive";
+  watch(offer);
+}
+
+TEST_F(EngineLoopbackTest, IsTheDtlsServerOfAViewerThatWantsToBeClient) {
+  ViewerOffer offer;
+  offer.setup = "active";
+  watch(offer);
+}
+
+TEST_F(EngineLoopbackTest, TakesControlOfALiteViewer) {
+  ViewerOffer offer;
+  offer.iceLite = true;
+  watch(offer);
+}
+
+TEST_F(EngineLoopbackTest, RepeatsThePacketItselfWithoutRtx) {
+  ViewerOffer offer;
+  offer.rtx = false;
+  const auto viewer = watch(offer);
+  const auto lost = viewer->packets(kViewerH264, 1).front();
+  viewer->sendRtcp(Nack(lost.header.ssrc, lost.header.sequence));
+  // SRTP's replay protection on the viewer's side drops what it had: what shows is that the stream goes on.
+  expectMoreVideo(*viewer);
+  EXPECT_TRUE(viewer->packets(kViewerRtx, 0).empty());
+}
+
+TEST_F(EngineLoopbackTest, TakesNoVoiceTwice) {
+  const auto viewer = watch();
+  for (std::uint16_t sequence = 1; sequence <= 20; ++sequence) {
+    viewer->sendVoice(sequence, static_cast<std::uint8_t>(sequence));
+    viewer->repeatVoice();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_TRUE(events_.waitFor(viewer->session(), [](const EngineEvents::Session& session) {
+    return std::any_of(session.audio.begin(), session.audio.end(), [](const Bytes& frame) { return frame[0] == 20; });
+  }));
+  const auto heard = events_.session(viewer->session()).audio;
+  for (std::uint8_t sample = 1; sample <= 20; ++sample) {
+    EXPECT_LE(std::count_if(heard.begin(), heard.end(), [&](const Bytes& frame) { return frame[0] == sample; }), 1)
+        << int{sample};
+  }
+}
+
+TEST_F(EngineLoopbackTest, HearsSeveralViewersAtOnce) {
+  const auto one = watch();
+  const auto other = watch();
+  for (std::uint16_t sequence = 1; sequence <= 10; ++sequence) {
+    one->sendVoice(sequence, 0x31);
+    other->sendVoice(sequence, 0x32);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const auto hears = [&](KOVRA_SESSION_ID session, std::uint8_t sample) {
+    return events_.waitFor(session, [&](const EngineEvents::Session& events) {
+      return std::any_of(events.audio.begin(), events.audio.end(),
+                         [&](const Bytes& frame) { return frame[0] == sample; });
+    });
+  };
+  EXPECT_TRUE(hears(one->session(), 0x31));
+  EXPECT_TRUE(hears(other->session(), 0x32));
+}
+
+TEST_F(EngineLoopbackTest, OutlivesAFloodOfSsrcs) {
+  const auto viewer = watch();
+  const auto other = watch();
+  for (std::uint32_t ssrc = 1000; ssrc < 3000; ++ssrc) viewer->sendVoice(1, 0x22, ssrc);
+  expectMoreVideo(*viewer);
+  expectMoreVideo(*other);
+}
+
+TEST_F(EngineLoopbackTest, OutlivesAFloodOfNonsense) {
+  const auto viewer = watch();
+  const auto other = watch();
+  for (int i = 0; i < 5000; ++i) {
+    std::uint8_t size = 0;
+    RAND_bytes(&size, 1);
+    Bytes datagram(size + 1u);
+    RAND_bytes(datagram.data(), static_cast<int>(datagram.size()));
+    constexpr std::uint8_t kFirstBytes[] = {0, 1, 20, 22, 23, 63, 64, 128, 144, 191, 192, 255};
+    datagram[0] = kFirstBytes[static_cast<std::size_t>(i) % sizeof(kFirstBytes)];
+    viewer->sendRaw(std::move(datagram));
+  }
+  expectMoreVideo(*viewer);
+  expectMoreVideo(*other);
+  EXPECT_EQ(events_.session(viewer->session()).states.back(), KOVRA_STATE_CONNECTED);
+}
+
+TEST_F(EngineLoopbackTest, OutlivesAFloodOfAuthenticNonsense) {
+  const auto viewer = watch();
+  for (int i = 0; i < 2000; ++i) {
+    Bytes compound(static_cast<std::size_t>(12 + i % 200));
+    RAND_bytes(compound.data(), static_cast<int>(compound.size()));
+    compound[0] = static_cast<std::uint8_t>(0x80 | (i & 0x3F));
+    compound[1] = static_cast<std::uint8_t>(200 + i % 8);
+    WriteU32(kViewerSsrc, &compound[4]);
+    viewer->sendRtcp(std::move(compound));
+  }
+  expectMoreVideo(*viewer);
+}
+
+TEST_F(EngineLoopbackTest, AFrozenViewerDoesNotDisturbTheOthers) {
+  const auto frozen = watch();
+  const auto other = watch();
+  const auto thaw = frozen->freeze();
+  expectMoreVideo(*other);
+  expectMoreVideo(*other);
+  thaw();
+  expectMoreVideo(*frozen);
+}
+
+TEST_F(EngineLoopbackTest, TellsOnlyTheSessionsOwnStates) {
+  const auto viewer = watch();
+  EXPECT_THAT(events_.session(viewer->session()).states,
+              ElementsAre(KOVRA_STATE_NEW, KOVRA_STATE_CONNECTING, KOVRA_STATE_CONNECTED));
+}
+
+TEST_F(EngineLoopbackTest, KnowsNoIdThatItDidNotGive) {
+  EXPECT_NE(streamer_->setRemoteOffer(12345, "v=0\r\n"), 0);
+  EXPECT_NE(streamer_->addRemoteCandidate(12345, ""), 0);
+  EXPECT_NE(streamer_->setAudioVideoType(12345, 0, 1), 0);
+  EXPECT_NE(streamer_->closeSession(12345), 0);
+  EXPECT_NE(streamer_->closeSession(0), 0);
+}
+
+TEST_F(EngineLoopbackTest, ShowsANewcomerWhatItMissed) {
+  const auto first = watch();
+  // The camera makes no other key frame: nothing but the one that the first viewer got can begin the stream.
+  camera_->makeKeyFrames(false);
+  const auto newcomer = watch();
+  const auto packets = newcomer->packets(kViewerH264, 20);
+  ASSERT_GE(packets.size(), 20u);
+  EXPECT_EQ(packets[0].payload[0] & 0x1F, 7) << "an SPS";
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    EXPECT_EQ(static_cast<std::uint16_t>(packets[i].header.sequence - packets[i - 1].header.sequence), 1) << i;
+    const auto step = static_cast<std::int32_t>(packets[i].header.timestamp - packets[i - 1].header.timestamp);
+    EXPECT_GE(step, 0) << i;
+    EXPECT_EQ(step > 0, packets[i - 1].header.marker) << i;
+  }
+}
+
+TEST_F(EngineLoopbackTest, TakesOneOfferForASession) {
+  const auto viewer = watch();
+  LoopbackViewer second(*streamer_, events_);
+  ASSERT_TRUE(second.call());
+  EXPECT_NE(streamer_->setRemoteOffer(viewer->session(), "v=0\r\n"), 0);
+  expectMoreVideo(*viewer);
+}
+
+TEST_F(EngineLoopbackTest, OpensABoundedNumberOfSessions) {
+  for (std::size_t i = 0; i < SessionTable::kMaxSessions; ++i) ASSERT_NE(streamer_->createSession({}), 0);
+  EXPECT_EQ(streamer_->createSession({}), 0);
+}
+
+TEST_F(EngineLoopbackTest, RefusesEmptyAudioAndBearsEmptyVideo) {
+  EXPECT_LT(streamer_->writeAudioData(nullptr, 0, 0, 0), 0);
+  EXPECT_LT(streamer_->writeAudioData(nullptr, 160, 0, 0), 0);
+  EXPECT_EQ(streamer_->writeVideoData(nullptr, 0, 0, 0, 1), 0);
+  EXPECT_EQ(streamer_->writeVideoData(nullptr, 100, 0, 0, 1), 0);
+}
+
+}  // namespace
+}  // namespace kovra

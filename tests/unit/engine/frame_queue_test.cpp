@@ -1,0 +1,46 @@
+#include "frame_queue.h"
+
+#include <gtest/gtest.h>
+
+namespace kovra {
+namespace {
+
+QueuedFrame Frame(int type) {
+  QueuedFrame frame;
+  frame.type = type;
+  return frame;
+}
+
+TEST(FrameQueue, KeepsTheOrder) {
+  FrameQueue queue;
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(queue.push(Frame(i)));
+  std::vector<QueuedFrame> taken;
+  EXPECT_FALSE(queue.take(taken));
+  ASSERT_EQ(taken.size(), 3u);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(taken[static_cast<std::size_t>(i)].type, i);
+}
+
+TEST(FrameQueue, GivesEveryFrameOnce) {
+  FrameQueue queue;
+  queue.push(Frame(1));
+  std::vector<QueuedFrame> taken;
+  queue.take(taken);
+  taken.clear();
+  queue.take(taken);
+  EXPECT_TRUE(taken.empty());
+}
+
+TEST(FrameQueue, DropsWhatIsTooMuchAndTellsSoOnce) {
+  FrameQueue queue;
+  for (std::size_t i = 0; i < FrameQueue::kMaxFrames; ++i) ASSERT_TRUE(queue.push(Frame(0)));
+  EXPECT_FALSE(queue.push(Frame(0)));
+  std::vector<QueuedFrame> taken;
+  EXPECT_TRUE(queue.take(taken));
+  EXPECT_EQ(taken.size(), FrameQueue::kMaxFrames);
+  taken.clear();
+  EXPECT_FALSE(queue.take(taken));
+  EXPECT_TRUE(queue.push(Frame(0)));
+}
+
+}  // namespace
+}  // namespace kovra

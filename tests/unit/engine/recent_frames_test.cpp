@@ -1,0 +1,62 @@
+#include "recent_frames.h"
+
+#include <gtest/gtest.h>
+
+namespace kovra {
+namespace {
+
+class RecentFramesTest : public testing::Test {
+ protected:
+  void add(bool keyFrame, std::size_t packets = 1) {
+    FrameRef frame = pool_->take(packets * 4);
+    const std::uint8_t payload[4] = {1, 2, 3, 4};
+    for (std::size_t i = 0; i < packets; ++i) frame.edit().add({}, {payload, sizeof(payload)}, false);
+    frame.edit().setKeyFrame(keyFrame);
+    recent_.add({std::move(frame), ++number_, Micros{0}});
+  }
+
+  const std::shared_ptr<FramePool> pool_ = FramePool::Create(1 << 20);
+  RecentFrames recent_;
+  std::uint64_t number_ = 0;
+};
+
+TEST_F(RecentFramesTest, KeepsNothingBeforeTheFirstKeyFrame) {
+  add(false);
+  EXPECT_TRUE(recent_.frames().empty());
+}
+
+TEST_F(RecentFramesTest, KeepsAllFromTheLastKeyFrameOn) {
+  add(true);
+  add(false);
+  add(true);
+  add(false);
+  add(false);
+  ASSERT_EQ(recent_.frames().size(), 3u);
+  EXPECT_TRUE(recent_.frames()[0].frame->isKeyFrame());
+  EXPECT_EQ(recent_.frames()[0].number, 3u);
+  EXPECT_EQ(recent_.frames()[2].number, 5u);
+}
+
+TEST_F(RecentFramesTest, KeepsNothingOfAGroupThatIsTooLong) {
+  add(true);
+  for (std::size_t i = 1; i < RecentFrames::kMaxFrames; ++i) add(false);
+  EXPECT_EQ(recent_.frames().size(), RecentFrames::kMaxFrames);
+  add(false);
+  EXPECT_TRUE(recent_.frames().empty());
+  add(false);
+  EXPECT_TRUE(recent_.frames().empty());
+  add(true);
+  EXPECT_EQ(recent_.frames().size(), 1u);
+}
+
+TEST_F(RecentFramesTest, KeepsNothingOfAGroupThatIsTooLarge) {
+  add(true, RecentFrames::kMaxPackets);
+  EXPECT_EQ(recent_.frames().size(), 1u);
+  add(false);
+  EXPECT_TRUE(recent_.frames().empty());
+  add(true, RecentFrames::kMaxPackets + 1);
+  EXPECT_TRUE(recent_.frames().empty());
+}
+
+}  // namespace
+}  // namespace kovra

@@ -1,0 +1,67 @@
+#include "video_input.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace kovra {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+const Bytes kKeyFrame = {0, 0, 0,    1,    0x67, 0x42, 0xE0, 0x1F, 0xDA, 0x02, 0xD0, 0,    0,
+                         0, 1, 0x68, 0xCE, 0x38, 0x80, 0,    0,    0,    1,    0x65, 0x88, 0x11};
+const Bytes kFrame = {0, 0, 0, 1, 0x41, 0x9A, 0x22};
+
+class VideoInputTest : public testing::Test {
+ protected:
+  bool write(const Bytes& unit, int videoType = 1, bool isWatched = true) {
+    return input_.write(ByteView(unit), videoType, isWatched, Micros{++now_ * 50'000});
+  }
+  std::vector<QueuedFrame> queued() {
+    std::vector<QueuedFrame> frames;
+    queue_.take(frames);
+    return frames;
+  }
+
+  FrameQueue queue_;
+  VideoInput input_{FramePool::Create(1 << 20), queue_};
+  std::int64_t now_ = 0;
+};
+
+TEST_F(VideoInputTest, QueuesEveryFrameWithItsTypeAndNumber) {
+  EXPECT_TRUE(write(kKeyFrame, 1));
+  EXPECT_FALSE(write(kFrame, 2));
+  EXPECT_FALSE(write(kFrame, 1));
+  const auto frames = queued();
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(frames[0].type, 1);
+  EXPECT_EQ(frames[1].type, 2);
+  EXPECT_EQ(frames[0].medium, QueuedFrame::Medium::kVideo);
+  EXPECT_LT(frames[0].media.number, frames[1].media.number);
+  EXPECT_LT(frames[1].media.number, frames[2].media.number);
+  EXPECT_EQ(frames[2].media.arrived, Micros{150'000});
+}
+
+TEST_F(VideoInputTest, RemembersForNewcomersWhatNobodyWatched) {
+  write(kKeyFrame, 1, false);
+  write(kFrame, 1, false);
+  EXPECT_TRUE(queued().empty());
+  EXPECT_EQ(input_.recent(1).size(), 2u);
+  EXPECT_TRUE(input_.recent(2).empty());
+}
+
+TEST_F(VideoInputTest, IgnoresWhatIsNoPicture) {
+  EXPECT_FALSE(write({}));
+  EXPECT_FALSE(write({1, 2, 3}));
+  EXPECT_TRUE(queued().empty());
+}
+
+TEST_F(VideoInputTest, TakesABoundedNumberOfStreams) {
+  for (int type = 0; type < static_cast<int>(VideoInput::kMaxStreams); ++type) EXPECT_TRUE(write(kKeyFrame, type));
+  EXPECT_FALSE(write(kKeyFrame, 1000));
+  EXPECT_TRUE(write(kKeyFrame, 3));
+}
+
+}  // namespace
+}  // namespace kovra
