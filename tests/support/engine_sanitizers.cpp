@@ -16,8 +16,6 @@ const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1"
 
 // Threads that still call in at the end of the process read the engine's pointer to its implementation while
 // the destructor takes it away. Either value will do for them: what it points to stays.
-const char* __tsan_default_suppressions() {
-  return "race_top:std::__uniq_ptr_impl<KovraStreamer::Impl\n";
-}
+const char* __tsan_default_suppressions() { return "race_top:std::__uniq_ptr_impl<KovraStreamer::Impl\n"; }
 
 }  // extern "C"
