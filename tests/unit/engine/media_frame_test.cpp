@@ -48,7 +48,7 @@ TEST(FrameRef, GivesTheFrameBackWithTheLastReference) {
   FrameRef first = pool->take(100);
   FrameRef second = first;
   const FrameRef third = std::move(second);
-  EXPECT_FALSE(second);
+  EXPECT_FALSE(second);  // NOLINT(bugprone-use-after-move): a reference that was moved from is empty
   first.reset();
   EXPECT_EQ(pool->idleBytes(), 0u);
   EXPECT_TRUE(third);
@@ -163,7 +163,8 @@ TEST(FramePool, SharesAFrameBetweenThreadsUntilTheLastLetsGo) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([copy = frame] {
       for (int i = 0; i < 500; ++i) {
-        const FrameRef again = copy;
+        // The count of references is what is tested.
+        const FrameRef again = copy;  // NOLINT(performance-unnecessary-copy-initialization)
         EXPECT_EQ(again->payload(0)[0], 1);
       }
     });
