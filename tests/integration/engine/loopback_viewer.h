@@ -34,7 +34,7 @@ constexpr std::uint8_t kViewerRtx = 103;
 constexpr std::uint32_t kViewerSsrc = 1;
 constexpr std::uint32_t kVoiceSsrc = 77;
 
-class LoopbackViewer : private IceAgent::Observer {
+class LoopbackViewer final : private IceAgent::Observer {
  public:
   struct Received {
     RtpHeader header;
