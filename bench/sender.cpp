@@ -136,6 +136,7 @@ class Source {
   Source(KovraStreamer& streamer, const std::string& stream, const std::string& keys, bool atOnce)
       : streamer_(streamer), stream_(stream), atOnce_(atOnce) {
     if (!keys.empty()) keys_.emplace(keys);
+    next_ = first();
   }
 
   bool isComplete() const { return stream_.count() > 1 && (!keys_ || keys_->count() == stream_.count()); }
@@ -158,11 +159,13 @@ class Source {
   void writeVideo() {
     writePicture(keys_ && wanted_ ? *keys_ : stream_);
     if (keys_ && wanted_ && atOnce_) writePicture(*keys_);
-    // Frame 0 is a key frame also in a stream that has no other: there it goes out once only.
-    if (++next_ == stream_.count()) next_ = keys_ ? 1 : 0;
+    if (++next_ == stream_.count()) next_ = first();
     time_ += std::chrono::microseconds(kVideoInterval).count();
     videoDue_ += kVideoInterval;
   }
+
+  // Frame 0 is a key frame also in a stream that has no other: there it never goes out.
+  std::size_t first() const { return keys_ ? 1 : 0; }
 
   void writePicture(const FrameFile& file) {
     if (!file.read(next_, frame_)) std::exit(2);

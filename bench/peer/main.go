@@ -202,11 +202,12 @@ func (s *sender) start(streamPath, keysPath string, atOnce bool) {
 // writeVideo learns of a new viewer also between two frames, unlike a caller of writeVideoData.
 func (s *sender) writeVideo(stream, keys *frameFile, atOnce bool) {
 	buffer := make([]byte, 1<<20)
-	next := 0
+	// Frame 0 is a key frame also in a stream that has no other: there it never goes out.
 	first := 0
 	if keys != nil {
 		first = 1
 	}
+	next := first
 	wanted := false
 	tick := time.NewTicker(videoInterval)
 	for {
