@@ -1,6 +1,6 @@
 // How long a viewer waits for the answer, and for the first packet of a key frame, before which nothing can be shown:
-// sessions in sequence, each begun at a random moment of the source's pace, for the engine and for a peer on another
-// stack. Exits with non-zero when the engine misses a limit.
+// sessions in sequence, whose beginnings are spread evenly over the source's pace, for the engine and for a peer on
+// another stack. Exits with non-zero when the engine misses a limit.
 //
 //   node bench/connect.mjs --build DIRECTORY [--sessions 100] [--only engine]
 import path from 'node:path';
@@ -20,13 +20,13 @@ const sessions = Number(options.sessions);
 const streams = makeStreams(path.join(build, 'streams'));
 
 // Resolves with the sender's and the viewer's times in milliseconds once reached(viewer) has resolved with a time.
-async function connectOnce(sender, phaseMs, reached = (viewer) => viewer.firstKeyFrame) {
+async function connectOnce(sender, delayMs, reached = (viewer) => viewer.firstKeyFrame) {
   const session = await sender.do('create');
   const candidates = [];
   let give = (candidate) => candidates.push(candidate);
   const viewer = new Viewer({ onCandidate: (candidate) => give(candidate) });
   const sdp = await viewer.offer();
-  await sleep(Math.random() * phaseMs);
+  await sleep(delayMs);
   const start = performance.now();
   const answered = new Promise((resolve) => {
     sender.follow(session, (event) => {
@@ -55,6 +55,9 @@ async function within(promise) {
 
 const warmUp = (sender) => connectOnce(sender, 0, (viewer) => viewer.connected);
 
+// Where in the source's interval the session with this number begins.
+const spread = (number) => (number + 0.5) / sessions;
+
 const quantile = (values, q) => [...values].sort((a, b) => a - b)[Math.min(values.length - 1, Math.floor(values.length * q))];
 
 const both = (values) => ({ median: quantile(values, 0.5), p95: quantile(values, 0.95) });
@@ -65,7 +68,7 @@ async function measureFixed(program) {
   const sender = new Sender(program);
   await sender.do('start', { stream: streams.fixed });
   const results = [];
-  while (results.length < sessions) results.push(await connectOnce(sender, kGroupMs));
+  while (results.length < sessions) results.push(await connectOnce(sender, kGroupMs * spread(results.length)));
   await sender.stop();
   return summary(results);
 }
@@ -78,7 +81,7 @@ async function measureOnDemand(program, atOnce) {
     const sender = new Sender(program);
     await warmUp(sender);
     await sender.do('start', { stream: streams.endless, keys: streams.keys, atOnce });
-    results.push(await connectOnce(sender, kFrameMs));
+    results.push(await connectOnce(sender, kFrameMs * spread(results.length)));
     await sender.stop();
   }
   return summary(results);
