@@ -20,6 +20,9 @@ constexpr unsigned kPacingMillis = 5;
 constexpr unsigned kCheckTimeoutMillis = 150;
 constexpr unsigned kCheckRetransmissions = 6;
 
+// Relays have answered by then that an allocation is freed, or never will.
+constexpr unsigned kRelayFarewellMillis = 1000;
+
 IceCandidateType ToType(NiceCandidateType type) {
   switch (type) {
     case NICE_CANDIDATE_TYPE_SERVER_REFLEXIVE:
@@ -118,7 +121,7 @@ std::unique_ptr<IceAgent> IceAgent::Create(IceContext& ice, const IceSettings& s
 
 IceAgent::IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const IceSettings& settings, Observer& observer)
     : ice_(ice),
-      farewell_(std::make_unique<Farewell>(Farewell{ice, settings.heldUntilClosed})),
+      farewell_(std::make_unique<Farewell>(Farewell{ice, agent, settings.heldUntilClosed})),
       agent_(agent),
       stream_(stream),
       relayOnly_(settings.relayOnly),
@@ -167,24 +170,35 @@ bool IceAgent::configure(const IceSettings& settings) {
              this) != FALSE;
 }
 
+// nice_agent_close_async would tell when the relays are done, but GLib makes a thread for good for whoever uses its
+// tasks.
 IceAgent::~IceAgent() {
   g_signal_handlers_disconnect_by_data(agent_, this);
   if (stream_ != 0) nice_agent_attach_recv(agent_, stream_, kComponent, nullptr, nullptr, nullptr);
-  const ThreadDefaultContext scope(ice_.context);
-  ++ice_.closing;
-  nice_agent_close_async(
-      agent_,
-      [](GObject* agent, GAsyncResult*, gpointer data) {
-        g_object_unref(agent);
+  if (!hasRelays_) {
+    g_object_unref(agent_);
+    return;
+  }
+  nice_agent_remove_stream(agent_, stream_);
+  ++farewell_->ice.closing;
+  GSource* timer = g_timeout_source_new(kRelayFarewellMillis);
+  g_source_set_callback(
+      timer,
+      [](gpointer data) -> gboolean {
         const std::unique_ptr<const Farewell> farewell(static_cast<Farewell*>(data));
         --farewell->ice.closing;
+        g_object_unref(farewell->agent);
+        return G_SOURCE_REMOVE;
       },
-      farewell_.release());
+      farewell_.release(), nullptr);
+  g_source_attach(timer, ice_.context);
+  g_source_unref(timer);
 }
 
 bool IceAgent::gather() { return nice_agent_gather_candidates(agent_, stream_) != FALSE; }
 
 bool IceAgent::addRelay(const IceRelay& relay) {
+  hasRelays_ = true;
   return nice_agent_set_relay_info(
              agent_, stream_, kComponent, relay.address.ip.c_str(), relay.address.port, relay.username.c_str(),
              relay.credential.c_str(),

@@ -98,6 +98,7 @@ class IceAgent {
   // What is left of the object until libnice has closed.
   struct Farewell {
     IceContext& ice;
+    NiceAgent* agent;
     std::shared_ptr<void> held;
   };
 
@@ -118,6 +119,7 @@ class IceAgent {
   NiceAgent* const agent_;
   const unsigned stream_;
   const bool relayOnly_;
+  bool hasRelays_ = false;
   Observer& observer_;
   IceTransportState state_ = IceTransportState::kNew;
   unsigned remoteCandidates_ = 0;

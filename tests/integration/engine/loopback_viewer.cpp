@@ -33,10 +33,7 @@ LoopbackViewer::LoopbackViewer(KovraStreamer& streamer, EngineEvents& events) : 
 }
 
 LoopbackViewer::~LoopbackViewer() {
-  network_.stop([this] {
-    ice_.reset();
-    while (iceContext_.closing > 0) g_main_context_iteration(iceContext_.context, TRUE);
-  });
+  network_.stop([this] { ice_.reset(); });
 }
 
 bool LoopbackViewer::call(const ViewerOffer& offer) {
