@@ -71,11 +71,12 @@ void ViewerMedia::open(SrtpTransport srtp) {
 
 void ViewerMedia::sendVideo(const FrameRef& frame, Micros now) {
   if (!prepared_ || !video_) return;
-  if (!gate_.admit(*frame, now)) {
+  const bool admitted = gate_.admit(*frame, now);
+  if (!srtp_) return;  // it is replayed when the keys are there
+  if (!admitted) {
     ++counts_.droppedFrames;
     return;
   }
-  if (!srtp_) return;  // it is replayed when the keys are there
   const bool late = nextFrame_ < waiting_.size() && now - waiting_[nextFrame_].since > kMaxWaiting;
   if (late || waitingPackets_ + frame->packetCount() > kMaxWaitingPackets) {
     dropWaiting();

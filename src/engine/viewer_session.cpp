@@ -174,6 +174,9 @@ void ViewerSession::startIce() {
   dtls_.emplace(services_.identity,
                 negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
                 negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
+  // Nothing is kept for the newcomer: the sooner a key frame is asked for, the sooner there is a picture.
+  if (services_.video.recent(shared_->videoType.load(std::memory_order_relaxed)).empty()) media_->prepare();
+  publishWish();
   holdCandidates_ = true;
   const bool gathering = ice_->gather();
   holdCandidates_ = false;
