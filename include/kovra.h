@@ -116,7 +116,7 @@ class KovraStreamer {
   // videoType. The bytes are only borrowed for the call. presentationTime orders frames but is not
   // trusted as a clock, since callers' units differ: RTP timestamps follow the time of arrival. flags
   // bit 4 marks a long frame; our engine needs no such mark. Returns non-zero while some session waits
-  // for a key frame (it just connected, or asked by PLI or FIR, RFC 4585 and 5104), else 0.
+  // for a key frame (its offer just came, or it asked by PLI or FIR, RFC 4585 and 5104), else 0.
   int writeVideoData(std::uint8_t* data, std::size_t size, std::int64_t presentationTime, int flags, int videoType);
 
   // Sends one frame of G.711 u-law, 8 kHz mono, to every session whose audio type is audioType. RTP

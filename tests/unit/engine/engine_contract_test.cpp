@@ -59,6 +59,15 @@ std::string replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
+bool eventually(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
 // Keeps what the engine tells, and may act from inside a callback.
 class Recorder : public KovraStreamerCallback {
  public:
@@ -336,14 +345,22 @@ TEST_F(EngineTest, NeverOverlapsTheCallbacksOfOneSession) {
   EXPECT_FALSE(recorder_.hasOverlapped());
 }
 
-TEST_F(EngineTest, WantsNoKeyFrameWhileNobodyIsConnected) {
+TEST_F(EngineTest, WantsNoKeyFrameBeforeSomebodyCalls) {
   std::uint8_t idr[] = {0, 0, 0, 1, 0x67, 0x42, 0, 0x1f, 0, 0, 0, 1, 0x68, 0xce, 0, 0, 0, 1, 0x65, 0x88};
   EXPECT_EQ(streamer_.writeVideoData(idr, sizeof(idr), 0, 0, 1), 0);
-  const KOVRA_SESSION_ID sid = createSession();
-  ASSERT_EQ(streamer_.setRemoteOffer(sid, makeOffer()), 0);
-  recorder_.waitFor("answer", sid);
+  createSession();
   EXPECT_EQ(streamer_.writeVideoData(idr, sizeof(idr), 833333, 16, 1), 0);
   EXPECT_EQ(streamer_.writeVideoData(nullptr, 0, 0, 0, 1), 0);
+}
+
+// Without waiting for the connection: the camera makes it meanwhile.
+TEST_F(EngineTest, WantsAKeyFrameAsSoonAsSomebodyCallsUntilItCame) {
+  std::uint8_t slice[] = {0, 0, 0, 1, 0x41, 0x9a, 0x21};
+  std::uint8_t idr[] = {0, 0, 0, 1, 0x67, 0x42, 0, 0x1f, 0, 0, 0, 1, 0x68, 0xce, 0, 0, 0, 1, 0x65, 0x88};
+  const KOVRA_SESSION_ID sid = createSession();
+  ASSERT_EQ(streamer_.setRemoteOffer(sid, makeOffer()), 0);
+  EXPECT_TRUE(eventually([&] { return streamer_.writeVideoData(slice, sizeof(slice), 0, 0, 1) != 0; }));
+  EXPECT_TRUE(eventually([&] { return streamer_.writeVideoData(idr, sizeof(idr), 0, 0, 1) == 0; }));
 }
 
 TEST_F(EngineTest, RefusesEmptyAudio) {
