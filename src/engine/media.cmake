@@ -12,6 +12,7 @@ add_library(
   media_frame.cpp
   media_time.cpp
   pcmu_packetizer.cpp
+  repair_delay.cpp
   rtcp.cpp
   rtp_history.cpp
   rtp_packet.cpp

@@ -1,5 +1,7 @@
 #include "rtp_packet.h"
 
+#include <algorithm>
+
 namespace kovra {
 
 namespace {
@@ -52,6 +54,19 @@ void WriteRtpHeader(const RtpHeader& header, std::uint8_t* out) {
   WriteU16(header.sequence, out + 2);
   WriteU32(header.timestamp, out + 4);
   WriteU32(header.ssrc, out + 8);
+}
+
+void WritePlayoutDelay(const PlayoutDelay& wanted, std::uint8_t* packet) {
+  constexpr std::uint16_t kOneByteForm = 0xBEDE;
+  constexpr std::uint8_t kElementBytes = 3;
+  constexpr std::uint32_t kLargest = 0xFFF;  // 12 bits each for the least and the largest delay, in 10 ms
+  const auto steps = static_cast<std::uint32_t>(wanted.delay.count() / 10'000);
+  packet[0] |= kExtensionBit;
+  std::uint8_t* extension = packet + kRtpHeaderBytes;
+  WriteU16(kOneByteForm, extension);
+  WriteU16(1, extension + 2);  // words that follow
+  WriteU32((wanted.id << 28U) | ((kElementBytes - 1U) << 24U) | (std::min(steps, kLargest) << 12U) | kLargest,
+           extension + 4);
 }
 
 std::uint64_t SequenceExtender::extend(std::uint16_t sequence) {

@@ -7,15 +7,17 @@
 #include <optional>
 
 #include "bytes.h"
+#include "media_time.h"
 
 namespace kovra {
 
-constexpr std::size_t kRtpHeaderBytes = 12;  // as we write it: no CSRC, no extension
-constexpr std::size_t kRtxHeaderBytes = 2;   // the original sequence number (RFC 4588, 4)
+constexpr std::size_t kRtpHeaderBytes = 12;    // as we write it: no CSRC, no extension
+constexpr std::size_t kPlayoutDelayBytes = 8;  // a header extension with one element of three bytes (RFC 8285, 4.2)
+constexpr std::size_t kRtxHeaderBytes = 2;     // the original sequence number (RFC 4588, 4)
 // Whole RTP packet before SRTP: with SRTP, UDP, IPv6 and a relay's header it stays within 1280 bytes.
 constexpr std::size_t kMaxRtpPacketBytes = 1200;
 // What is left for the payload, so that it also fits into a retransmission.
-constexpr std::size_t kMaxRtpPayloadBytes = kMaxRtpPacketBytes - kRtpHeaderBytes - kRtxHeaderBytes;
+constexpr std::size_t kMaxRtpPayloadBytes = kMaxRtpPacketBytes - kRtpHeaderBytes - kPlayoutDelayBytes - kRtxHeaderBytes;
 
 struct RtpHeader {
   bool marker = false;
@@ -38,6 +40,17 @@ std::optional<RtpPacket> ReadRtpPacket(ByteView packet);
 
 // Writes kRtpHeaderBytes bytes to out.
 void WriteRtpHeader(const RtpHeader& header, std::uint8_t* out);
+
+// Asks the viewer to show frames no sooner than this after they came, by the header extension of this URI.
+constexpr char kPlayoutDelayUri[] = "http://www.webrtc.org/experiments/rtp-hdrext/playout-delay";
+constexpr std::uint8_t kMaxExtensionId = 14;  // of the one-byte form; ids begin at 1
+struct PlayoutDelay {
+  std::uint8_t id = 0;
+  Micros delay{0};
+};
+
+// Adds the extension behind the header that begins at packet: writes kPlayoutDelayBytes bytes behind it.
+void WritePlayoutDelay(const PlayoutDelay& wanted, std::uint8_t* packet);
 
 // Extends 16-bit sequence numbers over their wrap (RFC 3550, A.1): each is taken as the nearest to the
 // highest so far.

@@ -14,13 +14,6 @@ void Copy(ByteView bytes, std::uint8_t* out) {
   if (!bytes.empty()) std::memcpy(out, bytes.data, bytes.size);
 }
 
-std::size_t WritePacket(const RtpHeader& header, ByteView prefix, ByteView payload, std::uint8_t* out) {
-  WriteRtpHeader(header, out);
-  Copy(prefix, out + kRtpHeaderBytes);
-  Copy(payload, out + kRtpHeaderBytes + prefix.size);
-  return kRtpHeaderBytes + prefix.size + payload.size;
-}
-
 }  // namespace
 
 RtpSender::RtpSender(const RtpSenderConfig& config)
@@ -28,6 +21,21 @@ RtpSender::RtpSender(const RtpSenderConfig& config)
       history_(config.historyPackets),
       nextSequence_(config.firstSequence),
       nextRtxSequence_(config.rtx ? config.rtx->firstSequence : std::uint16_t{0}) {}
+
+std::size_t RtpSender::write(const RtpHeader& header, ByteView prefix, ByteView payload, Micros now,
+                             std::uint8_t* out) {
+  WriteRtpHeader(header, out);
+  std::size_t size = kRtpHeaderBytes;
+  const std::optional<Micros> delay = config_.playoutDelayId ? repairDelay_.wanted(now) : std::nullopt;
+  if (delay) {
+    WritePlayoutDelay({*config_.playoutDelayId, *delay}, out);
+    size += kPlayoutDelayBytes;
+  }
+  Copy(prefix, out + size);
+  size += prefix.size;
+  Copy(payload, out + size);
+  return size + payload.size;
+}
 
 std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
                                    std::uint32_t timestampShift) {
@@ -44,12 +52,13 @@ std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Mic
   octets_ += static_cast<std::uint32_t>(payload.size);
   lastTimestamp_ = header.timestamp;
   lastSent_ = now;
-  return WritePacket(header, {}, payload, out);
+  return write(header, {}, payload, now, out);
 }
 
 std::size_t RtpSender::writeRetransmission(std::uint16_t sequence, Micros now, Micros roundTrip, std::uint8_t* out) {
   const RtpHistory::Packet* packet = history_.resend(sequence, now, std::max(roundTrip, kMinResendInterval));
   if (packet == nullptr) return 0;
+  repairDelay_.onRepair(now, roundTrip);
 
   RtpHeader header;
   header.marker = packet->frame->marker(packet->index);
@@ -59,14 +68,14 @@ std::size_t RtpSender::writeRetransmission(std::uint16_t sequence, Micros now, M
   header.ssrc = config_.ssrc;
   const ByteView payload = packet->frame->payload(packet->index);
   ++retransmitted_;
-  if (!config_.rtx) return WritePacket(header, {}, payload, out);
+  if (!config_.rtx) return write(header, {}, payload, now, out);
 
   std::uint8_t original[kRtxHeaderBytes];
   WriteU16(sequence, original);
   header.payloadType = config_.rtx->payloadType;
   header.sequence = nextRtxSequence_++;
   header.ssrc = config_.rtx->ssrc;
-  return WritePacket(header, {original, kRtxHeaderBytes}, payload, out);
+  return write(header, {original, kRtxHeaderBytes}, payload, now, out);
 }
 
 std::optional<RtcpSenderInfo> RtpSender::senderInfo(Micros now, NtpTime wallClock) const {

@@ -8,6 +8,7 @@
 
 #include "media_frame.h"
 #include "media_time.h"
+#include "repair_delay.h"
 #include "rtcp.h"
 #include "rtp_history.h"
 #include "rtp_packet.h"
@@ -27,8 +28,9 @@ struct RtpSenderConfig {
   std::uint32_t clockRate = 0;
   std::uint16_t firstSequence = 0;
   std::uint32_t timestampOffset = 0;
-  std::size_t historyPackets = 0;  // 0: no retransmission
-  std::optional<RtxConfig> rtx;    // without it, packets are sent again as they were: SRTP must allow that
+  std::size_t historyPackets = 0;              // 0: no retransmission
+  std::optional<RtxConfig> rtx;                // without it, packets are sent again as they were: SRTP must allow that
+  std::optional<std::uint8_t> playoutDelayId;  // of the header extension; without it no delay is asked for
 };
 
 // One thread at a time.
@@ -55,8 +57,11 @@ class RtpSender {
   std::uint32_t retransmittedPackets() const { return retransmitted_; }
 
  private:
+  std::size_t write(const RtpHeader& header, ByteView prefix, ByteView payload, Micros now, std::uint8_t* out);
+
   const RtpSenderConfig config_;
   RtpHistory history_;
+  RepairDelay repairDelay_;
   std::uint16_t nextSequence_;
   std::uint16_t nextRtxSequence_;
   std::uint32_t packets_ = 0;

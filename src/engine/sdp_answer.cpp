@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "rtp_packet.h"
+
 namespace kovra {
 
 namespace {
@@ -153,6 +155,7 @@ void AnswerWriter::addCodec(const SdpCodec& codec) {
 void AnswerWriter::addVideo(const NegotiatedVideo& video) {
   const SdpSection& section = offer_.sections[video.section];
   add("a=sendonly");
+  if (video.playoutDelayId) add("a=extmap:" + std::to_string(*video.playoutDelayId) + ' ' + kPlayoutDelayUri);
   addCodec(*section.findCodec(video.payloadType));
   addFeedback(video);
   if (video.rtxPayloadType) {

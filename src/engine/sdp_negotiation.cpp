@@ -105,6 +105,7 @@ NegotiatedVideo MakeVideo(const SdpSection& section, std::size_t index, const Sd
   video.nack = codec.hasFeedback("nack");
   video.pli = codec.hasFeedback("nack pli");
   video.fir = codec.hasFeedback("ccm fir");
+  video.playoutDelayId = section.playoutDelayId;
   if (video.nack) video.rtxPayloadType = FindRtx(section, codec.payloadType);
   return video;
 }

@@ -29,6 +29,7 @@ struct NegotiatedVideo {
   bool nack = false;
   bool pli = false;
   bool fir = false;
+  std::optional<std::uint8_t> playoutDelayId;  // of the header extension
 };
 
 struct NegotiatedAudio {

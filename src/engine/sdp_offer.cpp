@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "rtp_packet.h"
 #include "text.h"
 
 namespace kovra {
@@ -88,6 +89,12 @@ void ReadRtpmap(SdpCodec& codec, std::string_view value) {
   codec.name = clockRate ? name : std::string_view();
   codec.clockRate = static_cast<std::uint32_t>(clockRate.value_or(0));
   codec.channels = static_cast<std::uint32_t>(channels.value_or(1));
+}
+
+// Of the header extensions only one is known. An id beyond the one-byte form, or one direction alone, leaves it out.
+void ReadExtmap(SdpSection& section, std::string_view value) {
+  const std::optional<std::uint64_t> id = ReadNumber(TakeWord(value), kMaxExtensionId);
+  if (id && *id > 0 && TakeWord(value) == kPlayoutDelayUri) section.playoutDelayId = static_cast<std::uint8_t>(*id);
 }
 
 // Reads line by line. Each reading operation returns false, with a reason, for what makes the offer unusable.
@@ -253,6 +260,7 @@ bool OfferReader::readMediaAttribute(std::string_view name, std::string_view val
   if (name == "mid") return readMid(Trim(value));
   if (name == "rtcp-mux") section.rtcpMux = true;
   if (name == "bundle-only") section.bundleOnly = true;
+  if (name == "extmap") ReadExtmap(section, value);
   if (name != "candidate") return readCodecAttribute(name, value);
 
   if (section.candidates.size() == kMaxCandidates) return refuse("too many candidates");

@@ -53,6 +53,7 @@ struct SdpSection {
   std::optional<SdpSetup> setup;
   bool rtcpMux = false;
   bool bundleOnly = false;
+  std::optional<std::uint8_t> playoutDelayId;  // of the extmap line (RFC 8285) for kPlayoutDelayUri
   std::vector<IceCandidate> candidates;
   bool endOfCandidates = false;
 

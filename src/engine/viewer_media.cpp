@@ -37,6 +37,7 @@ RtpSenderConfig VideoConfig(const NegotiatedVideo& video, const MediaIdentity& i
   config.firstSequence = RandomSequence();
   config.timestampOffset = RandomNumber<std::uint32_t>();
   config.historyPackets = video.nack ? kHistoryPackets : 0;
+  config.playoutDelayId = video.playoutDelayId;
   if (video.rtxPayloadType) config.rtx = RtxConfig{identity.videoRtxSsrc, *video.rtxPayloadType, RandomSequence()};
   return config;
 }

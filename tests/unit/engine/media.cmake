@@ -15,6 +15,7 @@ add_executable(
   media_frame_test.cpp
   media_time_test.cpp
   pcmu_packetizer_test.cpp
+  repair_delay_test.cpp
   rtcp_test.cpp
   rtp_packet_test.cpp
   rtp_reception_test.cpp

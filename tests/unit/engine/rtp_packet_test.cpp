@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <vector>
 
 namespace kovra {
@@ -136,6 +137,27 @@ TEST(SequenceExtender, DoesNotFallBelowZeroAtTheStart) {
   const std::uint64_t first = extender.extend(0);
   EXPECT_EQ(extender.extend(32768), first - 32768);
   EXPECT_GE(first, 32768u);
+}
+
+TEST(WritePlayoutDelay, AsksForAtLeastTheDelayInStepsOfTenMilliseconds) {
+  std::array<std::uint8_t, kRtpHeaderBytes + kPlayoutDelayBytes + 1> packet{};
+  WriteRtpHeader({true, 102, 7, 8, 9}, packet.data());
+  WritePlayoutDelay({5, Micros{230'000}}, packet.data());
+  packet.back() = 0x42;
+  const std::vector<std::uint8_t> extension(packet.begin() + kRtpHeaderBytes, packet.end() - 1);
+  // Element 5 of three bytes: 23 steps at least, 4095 at most.
+  EXPECT_EQ(extension, (std::vector<std::uint8_t>{0xBE, 0xDE, 0, 1, 0x52, 0x01, 0x7F, 0xFF}));
+  const auto read = ReadRtpPacket({packet.data(), packet.size()});
+  ASSERT_TRUE(read);
+  EXPECT_TRUE(read->header.marker);
+  ASSERT_EQ(read->payload.size, 1u);
+  EXPECT_EQ(read->payload[0], 0x42);
+}
+
+TEST(WritePlayoutDelay, AsksForNoMoreThanFits) {
+  std::array<std::uint8_t, kRtpHeaderBytes + kPlayoutDelayBytes> packet{};
+  WritePlayoutDelay({kMaxExtensionId, Micros{1'000'000'000}}, packet.data());
+  EXPECT_EQ(ReadU32(packet.data() + kRtpHeaderBytes + 4), 0xE2FFFFFFu);
 }
 
 }  // namespace

@@ -108,14 +108,6 @@ TEST_F(RtpSenderTest, RetransmitsTheSamePacketWhereNoStreamForItWasNegotiated) {
   EXPECT_EQ(Bytes(out_.data(), out_.data() + size), original);
 }
 
-TEST_F(RtpSenderTest, FillsTheLargestPacketAndItsRetransmission) {
-  RtpSender sender(config());
-  FrameRef frame = pool_->take(kMaxRtpPayloadBytes);
-  frame.edit().add({}, ByteView(Bytes(kMaxRtpPayloadBytes, 0x5A)), true);
-  EXPECT_EQ(sender.writePacket(frame, 0, Micros(0), out_.data()), kMaxRtpPacketBytes - kRtxHeaderBytes);
-  EXPECT_EQ(sender.writeRetransmission(65534, Micros(0), kNoRoundTrip, out_.data()), kMaxRtpPacketBytes);
-}
-
 TEST_F(RtpSenderTest, DoesNotRetransmitWhatWasNeverSentOrIsForgotten) {
   RtpSender sender(config());
   EXPECT_EQ(sender.writeRetransmission(65534, Micros(0), kNoRoundTrip, out_.data()), 0u);
@@ -212,6 +204,74 @@ TEST_F(RtpSenderTest, ReportsCountsAndTheTimestampOfNow) {
   EXPECT_EQ(info->packets, 3u);
   EXPECT_EQ(info->octets, 3u);
   EXPECT_EQ(info->rtpTimestamp, 0x100u + 45000u);
+}
+
+TEST_F(RtpSenderTest, ShiftsTheTimestampOfTheWholePacketAndOfItsRepetition) {
+  RtpSender sender(config());
+  const FrameRef frame = makeFrame(1, 0x200);
+  const RtpPacket sent = read(sender.writePacket(frame, 0, Micros(0), out_.data(), 0x30));
+  EXPECT_EQ(sent.header.timestamp, 0x130u);
+  const RtpPacket again =
+      read(sender.writeRetransmission(sent.header.sequence, Micros(1'000'000), kNoRoundTrip, out_.data()));
+  EXPECT_EQ(again.header.timestamp, 0x130u);
+}
+
+class RtpSenderDelayTest : public RtpSenderTest {
+ protected:
+  static constexpr Micros kRoundTrip{100'000};
+
+  // Sends a packet at this time, and again on request.
+  void repair(RtpSender& sender, Micros now) {
+    const RtpPacket sent = sendAll(sender, makeFrame(1, 0), now);
+    EXPECT_GT(sender.writeRetransmission(sent.header.sequence, now + kRoundTrip, kRoundTrip, out_.data()), 0u);
+  }
+
+  bool asksForDelay(RtpSender& sender, Micros now) {
+    const std::size_t size = sender.writePacket(makeFrame(1, 0), 0, now, out_.data());
+    return size == kRtpHeaderBytes + kPlayoutDelayBytes + 1 && (out_[0] & 0x10) != 0 && read(size).payload.size == 1;
+  }
+};
+
+TEST_F(RtpSenderDelayTest, AsksForDelayOnceRepairsFollowOneAnother) {
+  RtpSenderConfig withDelay = config();
+  withDelay.playoutDelayId = 3;
+  RtpSender sender(withDelay);
+  EXPECT_FALSE(asksForDelay(sender, Micros(0)));
+  repair(sender, Micros(1'000'000));
+  EXPECT_FALSE(asksForDelay(sender, Micros(1'500'000)));
+  repair(sender, Micros(2'000'000));
+  EXPECT_TRUE(asksForDelay(sender, Micros(2'500'000)));
+}
+
+TEST_F(RtpSenderDelayTest, AsksInRetransmissionsToo) {
+  RtpSenderConfig withDelay = config();
+  withDelay.playoutDelayId = 3;
+  RtpSender sender(withDelay);
+  repair(sender, Micros(1'000'000));
+  const RtpPacket sent = sendAll(sender, makeFrame(1, 0), Micros(2'000'000));
+  const std::size_t size = sender.writeRetransmission(sent.header.sequence, Micros(2'100'000), kRoundTrip, out_.data());
+  EXPECT_EQ(size, kRtpHeaderBytes + kPlayoutDelayBytes + kRtxHeaderBytes + 1);
+  EXPECT_EQ(ReadU16(read(size).payload.data), sent.header.sequence);
+}
+
+TEST_F(RtpSenderDelayTest, AsksForNothingThatTheViewerDidNotOffer) {
+  RtpSender sender(config());
+  for (int second = 1; second < 10; ++second) repair(sender, Micros(second * 1'000'000));
+  EXPECT_FALSE(asksForDelay(sender, Micros(10'000'000)));
+}
+
+TEST_F(RtpSenderDelayTest, FillsTheLargestPacketAndItsRetransmission) {
+  RtpSenderConfig withDelay = config();
+  withDelay.playoutDelayId = 3;
+  RtpSender sender(withDelay);
+  repair(sender, Micros(1'000'000));
+  repair(sender, Micros(2'000'000));
+  FrameRef frame = pool_->take(kMaxRtpPayloadBytes);
+  frame.edit().add({}, ByteView(Bytes(kMaxRtpPayloadBytes, 0x5A)), true);
+  const Micros now(3'000'000);
+  EXPECT_EQ(sender.writePacket(frame, 0, now, out_.data()), kMaxRtpPacketBytes - kRtxHeaderBytes);
+  const std::uint16_t sequence = ReadU16(out_.data() + 2);
+  EXPECT_EQ(sender.writeRetransmission(sequence, now, kNoRoundTrip, out_.data()), kMaxRtpPacketBytes);
 }
 
 }  // namespace

@@ -193,5 +193,13 @@ TEST(WriteSdpAnswer, IsItselfReadable) {
   EXPECT_TRUE(read->sections[2].isRejected());
 }
 
+TEST(WriteSdpAnswer, TakesTheExtensionForPlayoutDelayWithItsId) {
+  const std::string uri = " http://www.webrtc.org/experiments/rtp-hdrext/playout-delay";
+  const std::string sdp = Answer(Replaced(kBrowserOffer, "a=mid:0\r\n", "a=mid:0\r\na=extmap:5" + uri + "\r\n"));
+  EXPECT_THAT(SectionOf(sdp, 0), HasSubstr("\r\na=extmap:5" + uri + "\r\n"));
+  EXPECT_THAT(SectionOf(sdp, 1), Not(HasSubstr("extmap")));
+  EXPECT_THAT(Answer(kBrowserOffer), Not(HasSubstr("extmap")));
+}
+
 }  // namespace
 }  // namespace kovra

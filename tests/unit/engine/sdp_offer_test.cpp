@@ -267,5 +267,16 @@ TEST(ReadSdpOffer, RefusesAbsurdCounts) {
   EXPECT_EQ(Refusal(kSessionLines + groups), "too many groups");
 }
 
+TEST(ReadSdpOffer, ReadsTheIdOfThePlayoutDelayExtension) {
+  const std::string uri = " http://www.webrtc.org/experiments/rtp-hdrext/playout-delay\r\n";
+  const auto id = [](const std::string& lines) { return Read(Section(lines)).sections[0].playoutDelayId; };
+  EXPECT_EQ(id("a=extmap:5" + uri), 5);
+  EXPECT_EQ(id("a=extmap:14" + uri), 14);
+  EXPECT_EQ(id("a=extmap:5 urn:ietf:params:rtp-hdrext:toffset\r\n"), std::nullopt);
+  for (const char* word : {"0", "15", "x", "", "5/recvonly", "300"}) {
+    EXPECT_EQ(id(std::string("a=extmap:") + word + uri), std::nullopt) << word;
+  }
+}
+
 }  // namespace
 }  // namespace kovra
