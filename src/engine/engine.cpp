@@ -205,7 +205,10 @@ void Engine::distributeFrames() {
 void Engine::onSecond() {
   const Micros now = MonotonicNow();
   for (auto& [id, session] : sessions_) session->onSecond(now);
-  if (!sessions_.empty()) return second_.set(now + kReportInterval);
+  video_.forgetStale(now);
+  if (!sessions_.empty()) watchedAt_ = now;
+  // A camera may stop with its last viewer: what is kept of its streams becomes stale only then.
+  if (now - watchedAt_ < RecentFrames::kMaxAge + kReportInterval) return second_.set(now + kReportInterval);
   // Nobody watches any more: what their frames and sessions took goes back to the system.
   pool_->freeIdle();
 #ifdef __GLIBC__

@@ -80,6 +80,7 @@ class Engine {
   PacketBatch batch_;
   std::optional<SessionServices> services_;
   LoopTimer second_;
+  Micros watchedAt_{0};  // when there was a session last
   std::map<KOVRA_SESSION_ID, std::unique_ptr<ViewerSession>> sessions_;
   std::vector<QueuedFrame> distributed_;
 };

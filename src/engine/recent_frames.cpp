@@ -12,6 +12,10 @@ void RecentFrames::add(RecentFrame frame) {
   frames_.push_back(std::move(frame));
 }
 
+void RecentFrames::forgetStale(Micros now) {
+  if (!frames_.empty() && now - frames_.back().arrived > kMaxAge) clear();
+}
+
 void RecentFrames::clear() {
   frames_.clear();
   packets_ = 0;

@@ -23,8 +23,11 @@ class RecentFrames {
  public:
   static constexpr std::size_t kMaxFrames = 100;    // a decoder catches up with them in well under a second
   static constexpr std::size_t kMaxPackets = 1024;  // a megabyte and a bit
+  static constexpr Micros kMaxAge{2'000'000};       // of the last frame: what is older is no picture of now
 
   void add(RecentFrame frame);
+  // Lets go of all frames of a stream that has stopped.
+  void forgetStale(Micros now);
   // From the key frame on; empty when there is none.
   const std::vector<RecentFrame>& frames() const { return frames_; }
 

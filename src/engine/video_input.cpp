@@ -25,10 +25,17 @@ bool VideoInput::write(ByteView accessUnit, int videoType, bool isWatched, Micro
   return frame->isKeyFrame();
 }
 
-std::vector<RecentFrame> VideoInput::recent(int videoType) {
+std::vector<RecentFrame> VideoInput::recent(int videoType, Micros now) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto stream = streams_.find(videoType);
-  return stream == streams_.end() ? std::vector<RecentFrame>() : stream->second.recent.frames();
+  if (stream == streams_.end()) return {};
+  stream->second.recent.forgetStale(now);
+  return stream->second.recent.frames();
+}
+
+void VideoInput::forgetStale(Micros now) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& [type, stream] : streams_) stream.recent.forgetStale(now);
 }
 
 }  // namespace kovra

@@ -28,8 +28,12 @@ class VideoInput {
   // for newcomers. Returns whether it was a key frame.
   bool write(ByteView accessUnit, int videoType, bool isWatched, Micros now);
 
-  // The stream's frames since its last key frame. All that were queued by now are among them or before them.
-  std::vector<RecentFrame> recent(int videoType);
+  // The stream's frames since its last key frame; none of a stream that has stopped. All that were queued by now are
+  // among them or before them.
+  std::vector<RecentFrame> recent(int videoType, Micros now);
+
+  // Lets go of what is remembered of streams that have stopped.
+  void forgetStale(Micros now);
 
  private:
   struct Stream {

@@ -175,7 +175,8 @@ void ViewerSession::startIce() {
                 negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
                 negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
   // Nothing is kept for the newcomer: the sooner a key frame is asked for, the sooner there is a picture.
-  if (services_.video.recent(shared_->videoType.load(std::memory_order_relaxed)).empty()) media_->prepare();
+  const int videoType = shared_->videoType.load(std::memory_order_relaxed);
+  if (services_.video.recent(videoType, MonotonicNow()).empty()) media_->prepare();
   publishWish();
   holdCandidates_ = true;
   const bool gathering = ice_->gather();
@@ -329,7 +330,7 @@ void ViewerSession::switchVideo() {
 }
 
 void ViewerSession::replayVideo(Micros now) {
-  const auto recent = services_.video.recent(shared_->videoType.load(std::memory_order_relaxed));
+  const auto recent = services_.video.recent(shared_->videoType.load(std::memory_order_relaxed), now);
   if (recent.empty() || !media_->isOpen()) return;
   lastVideo_ = recent.back().number;
   media_->replayVideo(recent, now);

@@ -16,8 +16,10 @@ const Bytes kFrame = {0, 0, 0, 1, 0x41, 0x9A, 0x22};
 class VideoInputTest : public testing::Test {
  protected:
   bool write(const Bytes& unit, int videoType = 1, bool isWatched = true) {
-    return input_.write(ByteView(unit), videoType, isWatched, Micros{++now_ * 50'000});
+    return input_.write(ByteView(unit), videoType, isWatched, Micros{++frames_ * 50'000});
   }
+  // When the last frame was written.
+  Micros now() const { return Micros{frames_ * 50'000}; }
   std::vector<QueuedFrame> queued() {
     std::vector<QueuedFrame> frames;
     queue_.take(frames);
@@ -26,7 +28,7 @@ class VideoInputTest : public testing::Test {
 
   FrameQueue queue_;
   VideoInput input_{FramePool::Create(1 << 20), queue_};
-  std::int64_t now_ = 0;
+  std::int64_t frames_ = 0;
 };
 
 TEST_F(VideoInputTest, QueuesEveryFrameWithItsTypeAndNumber) {
@@ -47,8 +49,25 @@ TEST_F(VideoInputTest, RemembersForNewcomersWhatNobodyWatched) {
   write(kKeyFrame, 1, false);
   write(kFrame, 1, false);
   EXPECT_TRUE(queued().empty());
-  EXPECT_EQ(input_.recent(1).size(), 2u);
-  EXPECT_TRUE(input_.recent(2).empty());
+  EXPECT_EQ(input_.recent(1, now()).size(), 2u);
+  EXPECT_TRUE(input_.recent(2, now()).empty());
+}
+
+TEST_F(VideoInputTest, ShowsNewcomersNoPictureOfAStreamThatHasStopped) {
+  write(kKeyFrame, 1);
+  write(kFrame, 1);
+  EXPECT_EQ(input_.recent(1, now() + RecentFrames::kMaxAge).size(), 2u);
+  EXPECT_TRUE(input_.recent(1, now() + RecentFrames::kMaxAge + Micros{1}).empty());
+  EXPECT_TRUE(input_.recent(1, now()).empty()) << "it is forgotten, not hidden";
+}
+
+TEST_F(VideoInputTest, ForgetsOnlyTheStreamsThatHaveStopped) {
+  write(kKeyFrame, 1, false);
+  const Micros first = now();
+  write(kKeyFrame, 2, false);
+  input_.forgetStale(first + RecentFrames::kMaxAge + Micros{1});
+  EXPECT_TRUE(input_.recent(1, first).empty());
+  EXPECT_EQ(input_.recent(2, first).size(), 1u);
 }
 
 TEST_F(VideoInputTest, IgnoresWhatIsNoPicture) {
