@@ -13,8 +13,10 @@ inline Micros MonotonicNow() {
   return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
 }
 
-inline NtpTime WallClockNow() {
-  return ToNtpTime(std::chrono::duration_cast<Micros>(std::chrono::system_clock::now().time_since_epoch()));
+// The Unix time when the monotonic clock was 0, as the wall clock has it now. Whoever measures with it takes it once:
+// the wall clock is stepped.
+inline Micros WallClockAtZero() {
+  return std::chrono::duration_cast<Micros>(std::chrono::system_clock::now().time_since_epoch()) - MonotonicNow();
 }
 
 }  // namespace kovra

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "clock.h"
+#include "h264_packetizer.h"
 
 namespace kovra {
 
@@ -33,7 +33,7 @@ RtpSenderConfig VideoConfig(const NegotiatedVideo& video, const MediaIdentity& i
   RtpSenderConfig config;
   config.ssrc = identity.videoSsrc;
   config.payloadType = video.payloadType;
-  config.clockRate = 90000;
+  config.clockRate = kVideoClockRate;
   config.firstSequence = RandomSequence();
   config.timestampOffset = RandomNumber<std::uint32_t>();
   config.historyPackets = video.nack ? kHistoryPackets : 0;
@@ -54,9 +54,14 @@ RtpSenderConfig AudioConfig(const NegotiatedAudio& audio, const MediaIdentity& i
 
 }  // namespace
 
-ViewerMedia::ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identity, IceAgent& ice, PacketBatch& batch,
-                         OnTalk onTalk)
-    : ice_(ice), batch_(batch), onTalk_(std::move(onTalk)), identity_(std::move(identity)), reception_(kPcmuClockRate) {
+ViewerMedia::ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identity, Micros wallClock,
+                         PacketBatch& batch, Send send, OnTalk onTalk)
+    : identity_(std::move(identity)),
+      wallClock_(wallClock),
+      batch_(batch),
+      send_(std::move(send)),
+      onTalk_(std::move(onTalk)),
+      reception_(kPcmuClockRate) {
   if (negotiation.video) video_.emplace(VideoConfig(*negotiation.video, identity_));
   if (negotiation.audio && negotiation.audio->send) audio_.emplace(AudioConfig(*negotiation.audio, identity_));
   if (negotiation.audio && negotiation.audio->receive) talkPayloadType_ = negotiation.audio->payloadType;
@@ -101,7 +106,7 @@ void ViewerMedia::sendAudio(const FrameRef& frame, Micros now) {
   }
   counts_.audioPackets += batch_.count();
   // What does not go out now is too late later.
-  ice_.send(batch_, 0);
+  send_(batch_, 0);
 }
 
 void ViewerMedia::restartVideo() {
@@ -157,7 +162,7 @@ void ViewerMedia::fillBatch(Micros now) {
 }
 
 bool ViewerMedia::sendBatch(Micros now) {
-  const std::size_t sent = ice_.send(batch_, 0);
+  const std::size_t sent = send_(batch_, 0);
   if (sent == batch_.count()) return true;
   if (!unsent_) unsent_ = std::make_unique<PacketBatch>();
   unsent_->clear();
@@ -173,7 +178,7 @@ bool ViewerMedia::sendBatch(Micros now) {
 
 bool ViewerMedia::sendUnsent(Micros now) {
   if (!unsent_) return true;
-  firstUnsent_ = ice_.send(*unsent_, firstUnsent_);
+  firstUnsent_ = send_(*unsent_, firstUnsent_);
   if (firstUnsent_ == unsent_->count()) return true;
   retryAt_ = now + kRetryInterval;
   return false;
@@ -213,7 +218,7 @@ bool ViewerMedia::receiveRtcp(std::uint8_t* packet, std::size_t size, Micros now
   for (const RtcpReportBlock& block : received_.reportBlocks) {
     if (!video_ || block.ssrc != video_->ssrc()) continue;
     counts_.lostPackets = block.cumulativeLost;
-    if (const auto roundTrip = RoundTripTime(block, WallClockNow())) counts_.roundTrip = *roundTrip;
+    if (const auto roundTrip = RoundTripTime(block, ntpTime(now))) counts_.roundTrip = *roundTrip;
   }
   for (const RtcpSenderReport& report : received_.senderReports)
     reception_.onSenderReport(report.ssrc, report.info, now);
@@ -237,10 +242,10 @@ void ViewerMedia::answerNacks(Micros now) {
     if (size == 0) continue;
     batch_.add(srtp_->protectRtp(batch_.room(), size));
     if (!batch_.isFull()) continue;
-    ice_.send(batch_, 0);
+    send_(batch_, 0);
     batch_.clear();
   }
-  if (batch_.count() > 0) ice_.send(batch_, 0);
+  if (batch_.count() > 0) send_(batch_, 0);
 }
 
 bool ViewerMedia::receiveRtp(std::uint8_t* packet, std::size_t size, Micros now) {
@@ -277,7 +282,7 @@ void ViewerMedia::sayGoodbye(Micros now) {
 
 void ViewerMedia::writeReports(Micros now) {
   rtcp_.clear();
-  const NtpTime wallClock = WallClockNow();
+  const NtpTime wallClock = ntpTime(now);
   std::vector<RtcpReportBlock> blocks;
   if (const auto block = reception_.report(now)) blocks.push_back(*block);
   const auto video = video_ ? video_->senderInfo(now, wallClock) : std::nullopt;
@@ -300,7 +305,7 @@ void ViewerMedia::sendRtcp() {
   batch_.clear();
   std::memcpy(batch_.room(), rtcp_.data(), rtcp_.size());
   batch_.add(srtp_->protectRtcp(batch_.room(), rtcp_.size()));
-  if (batch_.count() > 0) ice_.send(batch_, 0);
+  if (batch_.count() > 0) send_(batch_, 0);
 }
 
 std::optional<Micros> ViewerMedia::deadline() const {

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "ice_agent.h"
 #include "jitter_buffer.h"
 #include "key_frame_gate.h"
 #include "media_frame.h"
@@ -51,12 +50,15 @@ class ViewerMedia {
   static constexpr Micros kMaxWaiting{1'000'000};
   static constexpr std::size_t kMaxWaitingPackets = 2048;
 
+  // Sends the batch's packets from first on. Returns how many of the batch are done with; fewer than there are: the
+  // path is full.
+  using Send = std::function<std::size_t(const PacketBatch& batch, std::size_t first)>;
   using OnTalk = std::function<void(const JitterBuffer::Frame&)>;
 
-  // ice and batch are borrowed; batch may be shared by all sessions, nothing stays in it. onTalk is given each frame
-  // of talk-back when it is due.
-  ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identity, IceAgent& ice, PacketBatch& batch,
-              OnTalk onTalk);
+  // batch is borrowed; it may be shared by all sessions, nothing stays in it. wallClock: the Unix time when the
+  // monotonic clock was 0, for reports. onTalk is given each frame of talk-back when it is due.
+  ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identity, Micros wallClock, PacketBatch& batch,
+              Send send, OnTalk onTalk);
 
   // The path works, the keys are still being agreed on: from here on a key frame is wanted.
   void prepare();
@@ -104,13 +106,15 @@ class ViewerMedia {
   bool receiveRtcp(std::uint8_t* packet, std::size_t size, Micros now);
   bool receiveRtp(std::uint8_t* packet, std::size_t size, Micros now);
   void answerNacks(Micros now);
+  NtpTime ntpTime(Micros now) const { return ToNtpTime(wallClock_ + now); }
   void writeReports(Micros now);
   void sendRtcp();
 
-  IceAgent& ice_;
-  PacketBatch& batch_;
-  const OnTalk onTalk_;
   const MediaIdentity identity_;
+  const Micros wallClock_;
+  PacketBatch& batch_;
+  const Send send_;
+  const OnTalk onTalk_;
   std::optional<SrtpTransport> srtp_;
   bool prepared_ = false;
 

@@ -169,8 +169,10 @@ void ViewerSession::startIce() {
   if (!ice_ || !ice_->setRemoteCredentials(negotiation_.iceUfrag, negotiation_.icePassword)) {
     return end(KOVRA_STATE_FAILED, "libnice refused the session");
   }
-  media_.emplace(negotiation_, mediaIdentity_, *ice_, services_.batch,
-                 [this](const JitterBuffer::Frame& frame) { services_.callbacks.postAudio(shared_, frame); });
+  media_.emplace(
+      negotiation_, mediaIdentity_, WallClockAtZero(), services_.batch,
+      [this](const PacketBatch& batch, std::size_t first) { return ice_->send(batch, first); },
+      [this](const JitterBuffer::Frame& frame) { services_.callbacks.postAudio(shared_, frame); });
   dtls_.emplace(services_.identity,
                 negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
                 negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });

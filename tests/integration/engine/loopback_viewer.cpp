@@ -127,14 +127,13 @@ bool LoopbackViewer::waitUntilConnected() {
 }
 
 std::vector<LoopbackViewer::Received> LoopbackViewer::packets(std::uint8_t payloadType, std::size_t count) {
+  const auto wanted = [&](const Received& packet) { return packet.header.payloadType == payloadType; };
   std::unique_lock<std::mutex> lock(mutex_);
-  std::vector<Received> found;
   changed_.wait_for(lock, kPatience, [&] {
-    found.clear();
-    std::copy_if(rtp_.begin(), rtp_.end(), std::back_inserter(found),
-                 [&](const Received& packet) { return packet.header.payloadType == payloadType; });
-    return found.size() >= count;
+    return std::count_if(rtp_.begin(), rtp_.end(), wanted) >= static_cast<std::ptrdiff_t>(count);
   });
+  std::vector<Received> found;
+  std::copy_if(rtp_.begin(), rtp_.end(), std::back_inserter(found), wanted);
   return found;
 }
 

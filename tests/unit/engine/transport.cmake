@@ -10,7 +10,8 @@ add_executable(
   session_table_test.cpp
   srtp_transport_test.cpp
   udp_path_test.cpp
-  video_input_test.cpp)
+  video_input_test.cpp
+  viewer_media_test.cpp)
 target_include_directories(engine_transport_test PRIVATE ${PROJECT_SOURCE_DIR}/src/engine)
 target_link_libraries(
   engine_transport_test PRIVATE signalconn_engine signalconn_engine_media signalconn_engine_sanitizers signalconn_warnings PkgConfig::nice
