@@ -22,8 +22,8 @@ struct RecentFrame {
 class RecentFrames {
  public:
   static constexpr std::size_t kMaxFrames = 100;    // a decoder catches up with them in well under a second
-  static constexpr std::size_t kMaxPackets = 1024;  // a megabyte and a bit
-  static constexpr Micros kMaxAge{2'000'000};       // of the last frame: what is older is no picture of now
+  static constexpr std::size_t kMaxPackets = 768;  // three seconds at 2 Mbit/s
+  static constexpr Micros kMaxAge{2'000'000};      // of the last frame: what is older is no picture of now
 
   void add(RecentFrame frame);
   // Lets go of all frames of a stream that has stopped.

@@ -12,8 +12,10 @@ namespace kovra {
 
 namespace {
 
-// At 2 Mbit/s more than two seconds, at 8 half a second: longer than viewers go on asking.
-constexpr std::size_t kHistoryPackets = 512;
+// At 2 Mbit/s five seconds, at 8 more than one: longer than viewers go on asking. A replay goes out at once, and is
+// asked for while what follows it is already being sent.
+constexpr std::size_t kHistoryPackets = 1024;
+static_assert(RecentFrames::kMaxPackets + 256 <= kHistoryPackets);
 // A full socket buffer drains in about this time.
 constexpr Micros kRetryInterval{5'000};
 // An honest viewer has two or three SSRCs; each costs memory in libsrtp.

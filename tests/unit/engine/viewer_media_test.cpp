@@ -284,6 +284,18 @@ TEST_F(ViewerMediaTest, AnswersANackByRtxButNotWhileThePathIsFull) {
   EXPECT_EQ(received(kRtx).size(), 1u);
 }
 
+TEST_F(ViewerMediaTest, RepeatsEveryPacketOfTheLargestReplay) {
+  connect();
+  media_.replayVideo(recentFrames(1, kMillisecond, RecentFrames::kMaxPackets), now_);
+  ASSERT_EQ(video().size(), RecentFrames::kMaxPackets);
+  const std::uint16_t first = video()[0].header.sequence;
+  // By the time the viewer asks, a second of live video at 2 Mbit/s is out as well.
+  for (int i = 0; i < 20; ++i) sendFrame(10);
+  sendNack(first);
+  ASSERT_EQ(received(kRtx).size(), 1u);
+  EXPECT_EQ(ReadU16(received(kRtx)[0].payload.data()), first);
+}
+
 TEST_F(ViewerMediaTest, SaysGoodbye) {
   connect();
   sendKeyFrame();
