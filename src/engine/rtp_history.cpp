@@ -19,7 +19,7 @@ std::size_t RoundUpToPowerOfTwo(std::size_t value) {
 
 RtpHistory::RtpHistory(std::size_t capacity) : ring_(RoundUpToPowerOfTwo(capacity)) {}
 
-void RtpHistory::add(FrameRef frame, std::size_t index, std::uint16_t sequence, std::uint32_t timestamp, Micros now) {
+void RtpHistory::add(FrameRef frame, std::size_t index, std::uint16_t sequence, std::uint32_t timestamp) {
   if (ring_.empty()) return;
   Packet& packet = ring_[sequence & (ring_.size() - 1)];
   packet.frame = std::move(frame);
@@ -27,16 +27,15 @@ void RtpHistory::add(FrameRef frame, std::size_t index, std::uint16_t sequence, 
   packet.sequence = sequence;
   packet.timestamp = timestamp;
   packet.resends = 0;
-  packet.lastSent = now;
 }
 
 const RtpHistory::Packet* RtpHistory::resend(std::uint16_t sequence, Micros now, Micros minInterval) {
   if (ring_.empty()) return nullptr;
   Packet& packet = ring_[sequence & (ring_.size() - 1)];
   if (!packet.frame || packet.sequence != sequence || packet.resends == kMaxResends) return nullptr;
-  if (packet.resends > 0 && now - packet.lastSent < minInterval) return nullptr;
+  if (packet.resends > 0 && now - packet.lastResent < minInterval) return nullptr;
   ++packet.resends;
-  packet.lastSent = now;
+  packet.lastResent = now;
   return &packet;
 }
 

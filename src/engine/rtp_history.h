@@ -20,7 +20,7 @@ class RtpHistory {
     std::uint16_t sequence = 0;
     std::uint32_t timestamp = 0;
     std::uint8_t resends = 0;
-    Micros lastSent{0};
+    Micros lastResent{0};
   };
 
   static constexpr std::uint8_t kMaxResends = 10;  // viewers give up after as many requests
@@ -28,7 +28,7 @@ class RtpHistory {
   // capacity: packets kept; rounded up to a power of two, at most 32768.
   explicit RtpHistory(std::size_t capacity);
 
-  void add(FrameRef frame, std::size_t index, std::uint16_t sequence, std::uint32_t timestamp, Micros now);
+  void add(FrameRef frame, std::size_t index, std::uint16_t sequence, std::uint32_t timestamp);
 
   // The packet to send again, counted as sent now; null when it is gone, was sent again less than minInterval ago
   // (the request crossed it) or too often. Valid until the next add.

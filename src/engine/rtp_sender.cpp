@@ -37,22 +37,28 @@ std::size_t RtpSender::write(const RtpHeader& header, ByteView prefix, ByteView 
   return size + payload.size;
 }
 
-std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
+std::size_t RtpSender::writePacket(const FrameRef& frame, std::size_t index, Micros time, std::uint8_t* out,
                                    std::uint32_t timestampShift) {
+  if (index == 0) lastTimestamp_ = advanceTo(frame->timestamp() + config_.timestampOffset + timestampShift);
+  lastTime_ = time;
   RtpHeader header;
   header.marker = frame->marker(index);
   header.payloadType = config_.payloadType;
   header.sequence = nextSequence_++;
-  header.timestamp = frame->timestamp() + config_.timestampOffset + timestampShift;
+  header.timestamp = lastTimestamp_;
   header.ssrc = config_.ssrc;
 
   const ByteView payload = frame->payload(index);
-  history_.add(frame, index, header.sequence, header.timestamp, now);
+  history_.add(frame, index, header.sequence, header.timestamp);
   ++packets_;
   octets_ += static_cast<std::uint32_t>(payload.size);
-  lastTimestamp_ = header.timestamp;
-  lastSent_ = now;
-  return write(header, {}, payload, now, out);
+  return write(header, {}, payload, time, out);
+}
+
+std::uint32_t RtpSender::advanceTo(std::uint32_t timestamp) const {
+  // Only a little behind: after hours without a frame the difference of wrapped timestamps means nothing.
+  const bool behind = packets_ > 0 && lastTimestamp_ - timestamp < config_.clockRate;
+  return behind ? lastTimestamp_ + 1 : timestamp;
 }
 
 std::size_t RtpSender::writeRetransmission(std::uint16_t sequence, Micros now, Micros roundTrip, std::uint8_t* out) {
@@ -82,7 +88,7 @@ std::optional<RtcpSenderInfo> RtpSender::senderInfo(Micros now, NtpTime wallCloc
   if (packets_ == 0) return std::nullopt;
   RtcpSenderInfo info;
   info.ntp = wallClock;
-  info.rtpTimestamp = lastTimestamp_ + ToRtpTicks(now - lastSent_, config_.clockRate);
+  info.rtpTimestamp = lastTimestamp_ + ToRtpTicks(now - lastTime_, config_.clockRate);
   info.packets = packets_;
   info.octets = octets_;
   return info;

@@ -38,9 +38,11 @@ class RtpSender {
  public:
   explicit RtpSender(const RtpSenderConfig& config);
 
-  // Writes the frame's packet to out (kMaxRtpPacketBytes), counts and remembers it. Returns its length.
-  // timestampShift is added to the frame's timestamp, for all its packets alike.
-  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros now, std::uint8_t* out,
+  // Writes the frame's packet to out (kMaxRtpPacketBytes), counts and remembers it. Returns its length. The packets of
+  // a frame follow each other, from 0 on.
+  // time: what the timestamp stands for, for sender reports. timestampShift is added to the frame's timestamp. A frame
+  // that would not come after the one before is moved there: streams that take turns must not go backward.
+  std::size_t writePacket(const FrameRef& frame, std::size_t index, Micros time, std::uint8_t* out,
                           std::uint32_t timestampShift = 0);
 
   // Writes the packet of that sequence number again. Returns its length, or 0 when there is nothing to send.
@@ -58,6 +60,7 @@ class RtpSender {
 
  private:
   std::size_t write(const RtpHeader& header, ByteView prefix, ByteView payload, Micros now, std::uint8_t* out);
+  std::uint32_t advanceTo(std::uint32_t timestamp) const;
 
   const RtpSenderConfig config_;
   RtpHistory history_;
@@ -68,7 +71,7 @@ class RtpSender {
   std::uint32_t octets_ = 0;
   std::uint32_t retransmitted_ = 0;
   std::uint32_t lastTimestamp_ = 0;
-  Micros lastSent_{0};
+  Micros lastTime_{0};  // that lastTimestamp_ stands for
 };
 
 }  // namespace kovra

@@ -120,7 +120,7 @@ void ViewerMedia::replayVideo(const std::vector<RecentFrame>& frames, Micros now
   constexpr std::uint32_t kTicksBetween = 9;  // a tenth of a millisecond
   if (!video_ || frames.empty()) return;
   std::uint32_t timestamp =
-      frames.back().frame->timestamp() - static_cast<std::uint32_t>(frames.size() - 1) * kTicksBetween;
+      ToRtpTicks(now, kVideoClockRate) - static_cast<std::uint32_t>(frames.size() - 1) * kTicksBetween;
   for (const RecentFrame& recent : frames) {
     gate_.admit(*recent.frame, recent.arrived);
     waiting_.push_back({recent.frame, now, timestamp - recent.frame->timestamp()});
@@ -137,7 +137,7 @@ void ViewerMedia::pump(Micros now) {
   retryAt_.reset();
   if (!sendUnsent(now)) return;
   while (nextFrame_ < waiting_.size()) {
-    fillBatch(now);
+    fillBatch();
     if (!sendBatch(now)) break;
   }
   if (nextFrame_ == waiting_.size()) {
@@ -147,12 +147,12 @@ void ViewerMedia::pump(Micros now) {
   if (!reported_) report(now);
 }
 
-void ViewerMedia::fillBatch(Micros now) {
+void ViewerMedia::fillBatch() {
   batch_.clear();
   while (nextFrame_ < waiting_.size() && !batch_.isFull()) {
     const Waiting& next = waiting_[nextFrame_];
     const FrameRef& frame = next.frame;
-    const std::size_t size = video_->writePacket(frame, nextPacket_, now, batch_.room(), next.timestampShift);
+    const std::size_t size = video_->writePacket(frame, nextPacket_, next.since, batch_.room(), next.timestampShift);
     batch_.add(srtp_->protectRtp(batch_.room(), size));
     ++counts_.videoPackets;
     --waitingPackets_;

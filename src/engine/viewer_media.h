@@ -69,8 +69,8 @@ class ViewerMedia {
   void sendAudio(const FrameRef& frame, Micros now);
   // Another stream follows, or frames were lost before they came here.
   void restartVideo();
-  // Frames that the viewer has missed, from a key frame on. They get timestamps right before that of the last of
-  // them, so that the viewer shows that one at once instead of playing what is past. Open.
+  // Frames that the viewer has missed, from a key frame on. Their timestamps end with that of now, so that the viewer
+  // shows the last one at once instead of playing what is past. Open.
   void replayVideo(const std::vector<RecentFrame>& frames, Micros now);
   bool wantsKeyFrame() const { return prepared_ && video_ && gate_.wantsKeyFrame(); }
 
@@ -91,12 +91,12 @@ class ViewerMedia {
  private:
   struct Waiting {
     FrameRef frame;
-    Micros since;
+    Micros since;  // for sender reports, what the timestamp stands for
     std::uint32_t timestampShift;
   };
 
   void pump(Micros now);
-  void fillBatch(Micros now);
+  void fillBatch();
   bool sendBatch(Micros now);
   bool sendUnsent(Micros now);
   void dropWaiting();

@@ -20,16 +20,55 @@ using testing::Not;
 
 using Bytes = std::vector<std::uint8_t>;
 
+// What looks like an access unit of that video type: its number ends each NAL unit.
+Bytes AccessUnit(int videoType, bool isKeyFrame) {
+  const auto number = static_cast<std::uint8_t>(videoType);
+  const auto filler = static_cast<std::uint8_t>(0xA0 | number);
+  Bytes unit = {0, 0, 0, 1, 0x41};
+  if (isKeyFrame) {
+    const auto sps = static_cast<std::uint8_t>(0x40 | number);
+    const auto pps = static_cast<std::uint8_t>(0x80 | number);
+    unit = {0, 0, 0, 1,    0x67, 0x42, 0xE0, 0x1F, 0xDA, 0x02, 0xD0, sps, 0,
+            0, 0, 1, 0x68, 0xCE, 0x38, pps,  0,    0,    0,    1,    0x65};
+  }
+  unit.resize(unit.size() + (isKeyFrame ? 5000 : 1500), filler);
+  return unit;
+}
+
+// A camera that writes two streams side by side, a frame of each in quick succession: key frames whenever one is
+// wanted, and now and then.
+class TwoStreamCamera {
+ public:
+  explicit TwoStreamCamera(KovraStreamer& streamer)
+      : thread_([this, &streamer] {
+          constexpr int kKeyFrameInterval = 5;
+          bool wanted[3] = {};
+          for (int i = 0; !stop_; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+            for (int type = 1; type <= 2; ++type) {
+              Bytes unit = AccessUnit(type, wanted[type] || i % kKeyFrameInterval == 0);
+              wanted[type] = streamer.writeVideoData(unit.data(), unit.size(), 0, 0, type) != 0;
+            }
+          }
+        }) {}
+  ~TwoStreamCamera() {
+    stop_ = true;
+    thread_.join();
+  }
+  TwoStreamCamera(const TwoStreamCamera&) = delete;
+  TwoStreamCamera& operator=(const TwoStreamCamera&) = delete;
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
 // A camera that writes what looks like H.264: a key frame whenever one is wanted, audio beside it.
 class Camera {
  public:
   explicit Camera(KovraStreamer& streamer)
       : thread_([this, &streamer] {
-          Bytes key = {0, 0, 0, 1,    0x67, 0x42, 0xE0, 0x1F, 0xDA, 0x02, 0xD0, 0x44, 0,
-                       0, 0, 1, 0x68, 0xCE, 0x38, 0x80, 0,    0,    0,    1,    0x65};
-          key.resize(key.size() + 5000, 0xAB);
-          Bytes delta = {0, 0, 0, 1, 0x41};
-          delta.resize(delta.size() + 1500, 0xCD);
+          Bytes key = AccessUnit(1, true);
+          Bytes delta = AccessUnit(1, false);
           Bytes audio(160, 0x55);
           for (bool wanted = true; !stop_; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
             Bytes& frame = wanted && makesKeyFrames_ ? key : delta;
@@ -327,6 +366,32 @@ TEST_F(EngineLoopbackTest, ShowsANewcomerWhatItMissed) {
     EXPECT_GE(step, 0) << i;
     EXPECT_EQ(step > 0, packets[i - 1].header.marker) << i;
   }
+}
+
+TEST_F(EngineLoopbackTest, SwitchesBetweenLiveStreamsWithoutAForeignFrame) {
+  camera_.reset();
+  const TwoStreamCamera camera(*streamer_);
+  const auto viewer = watch();
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(streamer_->setAudioVideoType(viewer->session(), -1, 1 + (i + 1) % 2), 0);
+    // Every third time there is another switch at once.
+    if (i % 3 != 0) viewer->packets(kViewerH264, viewer->packets(kViewerH264, 0).size() + 20);
+  }
+  const auto packets = viewer->packets(kViewerH264, 0);
+  int switches = 0;
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    const RtpHeader& before = packets[i - 1].header;
+    const RtpHeader& header = packets[i].header;
+    // A viewer that cannot keep up loses packets to its socket: nothing follows from what stands around them.
+    if (static_cast<std::uint16_t>(header.sequence - before.sequence) != 1) continue;
+    const auto step = static_cast<std::int32_t>(header.timestamp - before.timestamp);
+    ASSERT_GE(step, 0) << i;
+    ASSERT_EQ(step > 0, before.marker) << i;
+    if ((packets[i].payload.back() & 0x0F) == (packets[i - 1].payload.back() & 0x0F)) continue;
+    ++switches;
+    ASSERT_EQ(packets[i].payload[0] & 0x1F, 7) << i << ": a stream begins with an SPS";
+  }
+  EXPECT_GT(switches, 20);
 }
 
 TEST_F(EngineLoopbackTest, TakesOneOfferForASession) {

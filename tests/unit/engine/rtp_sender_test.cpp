@@ -77,6 +77,29 @@ TEST_F(RtpSenderTest, CountsSequenceNumbersOverTheWrap) {
   EXPECT_EQ(sendAll(sender, makeFrame(3, 0), Micros(0)).header.sequence, 0);
 }
 
+TEST_F(RtpSenderTest, ShiftsTheTimestampOfAWholeFrame) {
+  RtpSender sender(config());
+  const FrameRef frame = makeFrame(2, 0x200);
+  EXPECT_EQ(read(sender.writePacket(frame, 0, Micros(0), out_.data(), 0x1000)).header.timestamp, 0x1100u);
+  EXPECT_EQ(read(sender.writePacket(frame, 1, Micros(0), out_.data(), 0x1000)).header.timestamp, 0x1100u);
+  const RtpPacket repeated = read(sender.writeRetransmission(65535, Micros(0), kNoRoundTrip, out_.data()));
+  EXPECT_EQ(repeated.header.timestamp, 0x1100u);
+}
+
+TEST_F(RtpSenderTest, NeverSendsAFrameBeforeTheOneBefore) {
+  RtpSender sender(config());
+  EXPECT_EQ(sendAll(sender, makeFrame(1, 0x200), Micros(0)).header.timestamp, 0x100u);
+  EXPECT_EQ(sendAll(sender, makeFrame(2, 0x200), Micros(0)).header.timestamp, 0x101u);
+  EXPECT_EQ(sendAll(sender, makeFrame(2, 0x1F0), Micros(0)).header.timestamp, 0x102u);
+  EXPECT_EQ(sendAll(sender, makeFrame(1, 0x300), Micros(0)).header.timestamp, 0x200u);
+}
+
+TEST_F(RtpSenderTest, BelievesTheTimestampAfterHoursWithoutAFrame) {
+  RtpSender sender(config());
+  sendAll(sender, makeFrame(1, 0x200), Micros(0));
+  EXPECT_EQ(sendAll(sender, makeFrame(1, 0x90000200), Micros(0)).header.timestamp, 0x90000100u);
+}
+
 TEST_F(RtpSenderTest, RetransmitsOverItsOwnStreamWithTheOriginalNumber) {
   RtpSender sender(config());
   sendAll(sender, makeFrame(3, 0x200), Micros(0));

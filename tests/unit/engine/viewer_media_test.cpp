@@ -296,6 +296,37 @@ TEST_F(ViewerMediaTest, RepeatsEveryPacketOfTheLargestReplay) {
   EXPECT_EQ(ReadU16(received(kRtx)[0].payload.data()), first);
 }
 
+TEST_F(ViewerMediaTest, ReplayEndsWithTheTimestampOfNow) {
+  connect();
+  media_.replayVideo(recentFrames(20, 40 * kMillisecond), now_);
+  const Micros replayed = now_;
+  now_ += 10 * kMillisecond;
+  sendFrame();
+  const auto packets = video();
+  ASSERT_EQ(packets.size(), 21u);
+  EXPECT_EQ(packets[20].header.timestamp - packets[19].header.timestamp,
+            ToRtpTicks(now_, kVideoClockRate) - ToRtpTicks(replayed, kVideoClockRate));
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    EXPECT_GT(static_cast<std::int32_t>(packets[i].header.timestamp - packets[i - 1].header.timestamp), 0) << i;
+  }
+}
+
+TEST_F(ViewerMediaTest, TimestampsOfReplaysRiseWhateverWentBefore) {
+  connect();
+  sendKeyFrame();
+  sendFrame();
+  for (int i = 0; i < 3; ++i) {
+    media_.restartVideo();
+    media_.replayVideo(recentFrames(20, 40 * kMillisecond), now_);
+  }
+  sendFrame();
+  const auto packets = video();
+  ASSERT_EQ(packets.size(), 63u);
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    EXPECT_GT(static_cast<std::int32_t>(packets[i].header.timestamp - packets[i - 1].header.timestamp), 0) << i;
+  }
+}
+
 TEST_F(ViewerMediaTest, SaysGoodbye) {
   connect();
   sendKeyFrame();
@@ -342,6 +373,32 @@ TEST_F(ViewerMediaReportTest, MapsTheTimestampsToTheTimesOfArrival) {
   media_.report(now_);
   EXPECT_EQ(lastReport(identity().videoSsrc).ntp, ToNtpTime(kWallClock + now_));
   EXPECT_EQ(ticksSince(video()[0]), 45000);
+}
+
+TEST_F(ViewerMediaReportTest, MapsRightAfterAReplay) {
+  connect();
+  media_.replayVideo(recentFrames(5, 400 * kMillisecond), now_);
+  const RtcpSenderInfo first = lastReport(identity().videoSsrc);
+  EXPECT_EQ(first.ntp, ToNtpTime(kWallClock + now_));
+  passTime(100 * kMillisecond);
+  sendFrame();
+  EXPECT_EQ(video().back().header.timestamp - first.rtpTimestamp, 9000u);
+}
+
+TEST_F(ViewerMediaReportTest, MapsRightWhenThePathWasFull) {
+  connect();
+  sendKeyFrame();
+  room_ = 0;
+  for (int i = 0; i < 2; ++i) {
+    now_ += 50 * kMillisecond;
+    sendFrame();  // waits
+  }
+  passTime(500 * kMillisecond);
+  room_ = kEverything;
+  passTime(10 * kMillisecond);
+  ASSERT_EQ(video().size(), 3u);
+  media_.report(now_);
+  EXPECT_EQ(ticksSince(video()[0]), 610 * 90);
 }
 
 TEST_F(ViewerMediaReportTest, MeasuresTheRoundTripByTheClockOfItsReports) {
