@@ -86,6 +86,7 @@ ViewerSession::ViewerSession(SessionHandle shared, const SessionServices& servic
     : shared_(std::move(shared)),
       services_(services),
       timer_(services.ice.context, [this] { onTimer(); }),
+      videoType_(shared_->videoType.load()),
       self_(std::make_shared<ViewerSession*>(this)) {}
 
 ViewerSession::~ViewerSession() { *self_ = nullptr; }
@@ -177,8 +178,7 @@ void ViewerSession::startIce() {
                 negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
                 negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
   // Nothing is kept for the newcomer: the sooner a key frame is asked for, the sooner there is a picture.
-  const int videoType = shared_->videoType.load(std::memory_order_relaxed);
-  if (services_.video.recent(videoType, MonotonicNow()).empty()) media_->prepare();
+  if (services_.video.recent(videoType_, MonotonicNow()).empty()) media_->prepare();
   publishWish();
   holdCandidates_ = true;
   const bool gathering = ice_->gather();
@@ -304,7 +304,7 @@ void ViewerSession::afterDtls() {
 }
 
 void ViewerSession::sendVideo(const RecentFrame& frame, int videoType) {
-  if (ended_ || !media_ || shared_->videoType.load(std::memory_order_relaxed) != videoType) return;
+  if (ended_ || !media_ || videoType_ != videoType) return;
   if (frame.number <= lastVideo_) return;
   lastVideo_ = frame.number;
   media_->sendVideo(frame.frame, frame.arrived);
@@ -324,6 +324,9 @@ void ViewerSession::loseVideo() {
 }
 
 void ViewerSession::switchVideo() {
+  const int chosen = shared_->videoType.load();
+  if (videoType_ == chosen) return;  // there and back again
+  videoType_ = chosen;
   if (ended_ || !media_) return;
   media_->restartVideo();
   replayVideo(MonotonicNow());
@@ -332,7 +335,7 @@ void ViewerSession::switchVideo() {
 }
 
 void ViewerSession::replayVideo(Micros now) {
-  const auto recent = services_.video.recent(shared_->videoType.load(std::memory_order_relaxed), now);
+  const auto recent = services_.video.recent(videoType_, now);
   if (recent.empty() || !media_->isOpen()) return;
   lastVideo_ = recent.back().number;
   media_->replayVideo(recent, now);

@@ -55,7 +55,7 @@ class ViewerSession final : private IceAgent::Observer {
   void sendAudio(const FrameRef& frame, int audioType, Micros now);
   // Frames were lost before they came here.
   void loseVideo();
-  // Another video type was chosen.
+  // Another video type may have been chosen.
   void switchVideo();
 
   // About once a second.
@@ -116,6 +116,7 @@ class ViewerSession final : private IceAgent::Observer {
   std::optional<DtlsTransport> dtls_;
   std::vector<std::vector<std::uint8_t>> earlyDatagrams_;  // came before we could answer them
   std::optional<ViewerMedia> media_;
+  int videoType_;  // that the media are given; the shared one, which callers change, is ahead of it
   std::uint64_t lastVideo_ = 0;  // number of the last frame that the media were given
 
   // Guards callbacks of the resolver against a session that is gone.
