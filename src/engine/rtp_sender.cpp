@@ -26,7 +26,9 @@ std::size_t RtpSender::write(const RtpHeader& header, ByteView prefix, ByteView 
                              std::uint8_t* out) {
   WriteRtpHeader(header, out);
   std::size_t size = kRtpHeaderBytes;
-  const std::optional<Micros> delay = config_.playoutDelayId ? repairDelay_.wanted(now) : std::nullopt;
+  // Without RTX a packet is sent again under the nonce that it had: not a bit of it may differ.
+  const bool mayAsk = config_.playoutDelayId && config_.rtx;
+  const std::optional<Micros> delay = mayAsk ? repairDelay_.wanted(now) : std::nullopt;
   if (delay) {
     WritePlayoutDelay({*config_.playoutDelayId, *delay}, out);
     size += kPlayoutDelayBytes;

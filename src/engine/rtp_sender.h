@@ -30,7 +30,7 @@ struct RtpSenderConfig {
   std::uint32_t timestampOffset = 0;
   std::size_t historyPackets = 0;              // 0: no retransmission
   std::optional<RtxConfig> rtx;                // without it, packets are sent again as they were: SRTP must allow that
-  std::optional<std::uint8_t> playoutDelayId;  // of the header extension; without it no delay is asked for
+  std::optional<std::uint8_t> playoutDelayId;  // of the header extension; without it, or RTX, no delay is asked for
 };
 
 // One thread at a time.
