@@ -21,7 +21,7 @@ struct RecentFrame {
 // beginning. One thread at a time.
 class RecentFrames {
  public:
-  static constexpr std::size_t kMaxFrames = 100;    // a decoder catches up with them in well under a second
+  static constexpr std::size_t kMaxFrames = 100;   // a decoder catches up with them in well under a second
   static constexpr std::size_t kMaxPackets = 768;  // three seconds at 2 Mbit/s
   static constexpr Micros kMaxAge{2'000'000};      // of the last frame: what is older is no picture of now
 

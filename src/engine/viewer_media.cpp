@@ -69,16 +69,17 @@ ViewerMedia::ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identi
   if (negotiation.audio && negotiation.audio->receive) talkPayloadType_ = negotiation.audio->payloadType;
 }
 
-void ViewerMedia::prepare() { prepared_ = true; }
+void ViewerMedia::prepare(Micros now) {
+  if (!wantedSince_) wantedSince_ = now;
+}
 
 void ViewerMedia::open(SrtpTransport srtp) {
-  prepared_ = true;
   srtp_.emplace(std::move(srtp));
   gate_.close();  // whatever it has let pass was not sent
 }
 
 void ViewerMedia::sendVideo(const FrameRef& frame, Micros now) {
-  if (!prepared_ || !video_) return;
+  if (!wantedSince_ || !video_) return;
   const bool admitted = gate_.admit(*frame, now);
   if (!srtp_) return;  // it is replayed when the keys are there
   if (!admitted) {
@@ -111,14 +112,15 @@ void ViewerMedia::sendAudio(const FrameRef& frame, Micros now) {
   send_(batch_, 0);
 }
 
-void ViewerMedia::restartVideo() {
+void ViewerMedia::restartVideo(Micros now) {
+  if (wantedSince_) wantedSince_ = now;
   dropWaiting();
   gate_.close();
 }
 
 void ViewerMedia::replayVideo(const std::vector<RecentFrame>& frames, Micros now) {
   constexpr std::uint32_t kTicksBetween = 9;  // a tenth of a millisecond
-  if (!video_ || frames.empty()) return;
+  if (!video_ || !wantedSince_ || frames.empty()) return;
   std::uint32_t timestamp =
       ToRtpTicks(now, kVideoClockRate) - static_cast<std::uint32_t>(frames.size() - 1) * kTicksBetween;
   for (const RecentFrame& recent : frames) {
@@ -127,8 +129,9 @@ void ViewerMedia::replayVideo(const std::vector<RecentFrame>& frames, Micros now
     waitingPackets_ += recent.frame->packetCount();
     timestamp += kTicksBetween;
   }
-  // Where the source makes key frames on demand, a new one ends the dependence on so long a past.
-  gate_.onPli(now, Micros{0});
+  // Where the source makes key frames on demand, a new one ends the dependence on so long a past. One that came after
+  // it was wanted was made for this viewer already.
+  if (frames.front().arrived < *wantedSince_) gate_.onPli(now, Micros{0});
   if (!retryAt_) pump(now);
 }
 

@@ -60,19 +60,20 @@ class ViewerMedia {
   ViewerMedia(const SdpNegotiation& negotiation, MediaIdentity identity, Micros wallClock, PacketBatch& batch,
               Send send, OnTalk onTalk);
 
-  // The path works, the keys are still being agreed on: from here on a key frame is wanted.
-  void prepare();
+  // The viewer will be sent video: from the first call on a key frame is wanted.
+  void prepare(Micros now);
+  // The keys are there. Prepared.
   void open(SrtpTransport srtp);
   bool isOpen() const { return srtp_.has_value(); }
 
   void sendVideo(const FrameRef& frame, Micros now);
   void sendAudio(const FrameRef& frame, Micros now);
   // Another stream follows, or frames were lost before they came here.
-  void restartVideo();
+  void restartVideo(Micros now);
   // Frames that the viewer has missed, from a key frame on. Their timestamps end with that of now, so that the viewer
   // shows the last one at once instead of playing what is past. Open.
   void replayVideo(const std::vector<RecentFrame>& frames, Micros now);
-  bool wantsKeyFrame() const { return prepared_ && video_ && gate_.wantsKeyFrame(); }
+  bool wantsKeyFrame() const { return wantedSince_ && video_ && gate_.wantsKeyFrame(); }
 
   // A packet of the viewer's; decrypted in place. True when it was authentic.
   bool receive(std::uint8_t* packet, std::size_t size, Micros now);
@@ -116,7 +117,7 @@ class ViewerMedia {
   const Send send_;
   const OnTalk onTalk_;
   std::optional<SrtpTransport> srtp_;
-  bool prepared_ = false;
+  std::optional<Micros> wantedSince_;  // when a key frame was wanted to begin with, or to begin anew
 
   std::optional<RtpSender> video_;
   KeyFrameGate gate_;

@@ -178,7 +178,7 @@ void ViewerSession::startIce() {
                 negotiation_.setup == SdpSetup::kActive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer,
                 negotiation_.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
   // Nothing is kept for the newcomer: the sooner a key frame is asked for, the sooner there is a picture.
-  if (services_.video.recent(videoType_, MonotonicNow()).empty()) media_->prepare();
+  if (services_.video.recent(videoType_, MonotonicNow()).empty()) media_->prepare(MonotonicNow());
   publishWish();
   holdCandidates_ = true;
   const bool gathering = ice_->gather();
@@ -258,7 +258,7 @@ void ViewerSession::onIceState(IceTransportState state) {
 
 void ViewerSession::startDtls() {
   if (ended_) return;
-  media_->prepare();
+  media_->prepare(MonotonicNow());
   dtls_->start();
   for (const auto& datagram : std::exchange(earlyDatagrams_, {})) dtls_->receive(ByteView(datagram));
   afterDtls();
@@ -319,7 +319,7 @@ void ViewerSession::sendAudio(const FrameRef& frame, int audioType, Micros now) 
 
 void ViewerSession::loseVideo() {
   if (ended_ || !media_) return;
-  media_->restartVideo();
+  media_->restartVideo(MonotonicNow());
   publishWish();
 }
 
@@ -328,8 +328,9 @@ void ViewerSession::switchVideo() {
   if (videoType_ == chosen) return;  // there and back again
   videoType_ = chosen;
   if (ended_ || !media_) return;
-  media_->restartVideo();
-  replayVideo(MonotonicNow());
+  const Micros now = MonotonicNow();
+  media_->restartVideo(now);
+  replayVideo(now);
   publishWish();
   schedule();
 }

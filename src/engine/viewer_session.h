@@ -116,7 +116,7 @@ class ViewerSession final : private IceAgent::Observer {
   std::optional<DtlsTransport> dtls_;
   std::vector<std::vector<std::uint8_t>> earlyDatagrams_;  // came before we could answer them
   std::optional<ViewerMedia> media_;
-  int videoType_;  // that the media are given; the shared one, which callers change, is ahead of it
+  int videoType_;                // that the media are given; the shared one, which callers change, is ahead of it
   std::uint64_t lastVideo_ = 0;  // number of the last frame that the media were given
 
   // Guards callbacks of the resolver against a session that is gone.

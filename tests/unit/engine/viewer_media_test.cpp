@@ -50,10 +50,9 @@ class ViewerMediaTest : public testing::Test {
 
   static MediaIdentity identity() { return {0x11111111, 0x22222222, 0x33333333, "camera"}; }
 
-  void connect(Micros now = kStart) {
-    media_.prepare();
+  void connect() {
+    media_.prepare(now_);
     media_.open(*SrtpTransport::Create({SrtpProfile::kAeadAes128Gcm, Key(1), Key(101)}));
-    now_ = now;
   }
 
   FrameRef makeFrame(bool keyFrame, std::size_t packets, Micros arrived) {
@@ -176,7 +175,7 @@ TEST_F(ViewerMediaTest, SendsFromAKeyFrameOn) {
 
 TEST_F(ViewerMediaTest, WantsAKeyFrameAsSoonAsItIsPrepared) {
   EXPECT_FALSE(media_.wantsKeyFrame());
-  media_.prepare();
+  media_.prepare(now_);
   EXPECT_TRUE(media_.wantsKeyFrame());
   sendKeyFrame();
   EXPECT_FALSE(media_.wantsKeyFrame()) << "it is kept for the replay";
@@ -261,7 +260,7 @@ TEST_F(ViewerMediaTest, BeginsAnewWhereFramesWereLost) {
   room_ = 0;
   sendFrame();
   sendFrame();
-  media_.restartVideo();
+  media_.restartVideo(now_);
   EXPECT_TRUE(media_.wantsKeyFrame());
   room_ = kEverything;
   passTime(10 * kMillisecond);
@@ -316,7 +315,7 @@ TEST_F(ViewerMediaTest, TimestampsOfReplaysRiseWhateverWentBefore) {
   sendKeyFrame();
   sendFrame();
   for (int i = 0; i < 3; ++i) {
-    media_.restartVideo();
+    media_.restartVideo(now_);
     media_.replayVideo(recentFrames(20, 40 * kMillisecond), now_);
   }
   sendFrame();
@@ -325,6 +324,39 @@ TEST_F(ViewerMediaTest, TimestampsOfReplaysRiseWhateverWentBefore) {
   for (std::size_t i = 1; i < packets.size(); ++i) {
     EXPECT_GT(static_cast<std::int32_t>(packets[i].header.timestamp - packets[i - 1].header.timestamp), 0) << i;
   }
+}
+
+TEST_F(ViewerMediaTest, WantsNoOtherKeyFrameThanTheOneMadeForIt) {
+  media_.prepare(now_);
+  now_ += 30 * kMillisecond;
+  const FrameRef made = makeFrame(true, 1, now_);
+  media_.sendVideo(made, now_);
+  const Micros arrived = now_;
+  now_ += 400 * kMillisecond;
+  connect();
+  EXPECT_TRUE(media_.wantsKeyFrame());
+  media_.replayVideo({{made, 1, arrived}}, now_);
+  EXPECT_FALSE(media_.wantsKeyFrame());
+  EXPECT_EQ(video().size(), 1u);
+}
+
+TEST_F(ViewerMediaTest, WantsAKeyFrameOfItsOwnAfterAReplayOfThePast) {
+  connect();
+  media_.replayVideo(recentFrames(10, 40 * kMillisecond), now_);
+  EXPECT_TRUE(media_.wantsKeyFrame());
+  sendFrame();
+  EXPECT_EQ(video().size(), 11u) << "what follows passes meanwhile";
+  sendKeyFrame();
+  EXPECT_FALSE(media_.wantsKeyFrame());
+}
+
+TEST_F(ViewerMediaTest, WantsAKeyFrameAfterASwitchToAStreamThatBeganBefore) {
+  connect();
+  now_ += 10 * kSecond;
+  sendKeyFrame();
+  media_.restartVideo(now_);
+  media_.replayVideo(recentFrames(10, 40 * kMillisecond), now_);
+  EXPECT_TRUE(media_.wantsKeyFrame());
 }
 
 TEST_F(ViewerMediaTest, SaysGoodbye) {
