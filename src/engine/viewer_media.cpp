@@ -314,12 +314,15 @@ void ViewerMedia::sendRtcp() {
 }
 
 std::optional<Micros> ViewerMedia::deadline() const {
-  const auto due = jitterBuffer_.nextDue();
-  if (!due || !retryAt_) return due ? due : retryAt_;
-  return std::min(*due, *retryAt_);
+  std::optional<Micros> earliest;
+  for (const std::optional<Micros>& due : {jitterBuffer_.nextDue(), retryAt_, gate_.deadline()}) {
+    if (due && (!earliest || *due < *earliest)) earliest = due;
+  }
+  return earliest;
 }
 
 void ViewerMedia::onTime(Micros now) {
+  gate_.onTime(now);
   if (retryAt_ && now >= *retryAt_) pump(now);
   JitterBuffer::Frame frame;
   while (jitterBuffer_.take(now, frame)) onTalk_(frame);

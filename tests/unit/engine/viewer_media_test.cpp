@@ -359,6 +359,19 @@ TEST_F(ViewerMediaTest, WantsAKeyFrameAfterASwitchToAStreamThatBeganBefore) {
   EXPECT_TRUE(media_.wantsKeyFrame());
 }
 
+TEST_F(ViewerMediaTest, WishesAgainInTimeWhenAskedSoonAfterAKeyFrame) {
+  connect();
+  sendKeyFrame();
+  now_ += 100 * kMillisecond;
+  EXPECT_TRUE(sendPli());
+  EXPECT_FALSE(media_.wantsKeyFrame());
+  passTime(199 * kMillisecond);
+  EXPECT_FALSE(media_.wantsKeyFrame());
+  passTime(kMillisecond);
+  EXPECT_TRUE(media_.wantsKeyFrame());
+  EXPECT_EQ(media_.deadline(), std::nullopt);
+}
+
 TEST_F(ViewerMediaTest, SaysGoodbye) {
   connect();
   sendKeyFrame();
