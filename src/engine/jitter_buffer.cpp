@@ -42,6 +42,7 @@ void JitterBuffer::insert(const RtpPacket& packet, Micros now) {
     return;
   }
   lateInRow_ = 0;
+  if (newer && begin < 0 && mayGrow(end, now)) growDelay(now);
   store(packet, now);
   observeMargin(*due_ + (hold_ ? kFrameTime : Micros{0}) +
                     FrameOf(static_cast<std::int32_t>(packet.header.timestamp - playTimestamp_)) * kFrameTime - now,
@@ -80,6 +81,15 @@ void JitterBuffer::onLate(const RtpPacket& packet, Micros now) {
     restart(packet, now);
     return;
   }
+  growDelay(now);
+}
+
+// Whether a packet that ends so many samples behind playTimestamp_ may wait for one frame more.
+bool JitterBuffer::mayGrow(std::int64_t end, Micros now) const {
+  return std::max(*due_ - now, Micros{0}) + kFrameTime + Micros{end * kMicrosPerSample} <= kMaxDelay;
+}
+
+void JitterBuffer::growDelay(Micros now) {
   hold_ = true;
   beginWindow(now + kCautionTime);
 }

@@ -16,11 +16,10 @@ namespace kovra {
 // A timeline of samples, played in frames of 20 ms, each at its due time. What is missing at that time is
 // silence, so that loss shifts nothing; what comes later than that, or twice, is dropped.
 //
-// The delay begins at 40 ms and adapts, one frame at a time: it grows when a packet came too late, and shrinks
-// when for two seconds all packets came needlessly early. It never exceeds 100 ms: then the oldest samples go.
-// Another SSRC, or a lasting jump of the timestamps, begins anew. When nothing was there to play for
-// 200 ms, the output pauses until the next packet.
-// One thread at a time.
+// The delay begins at 40 ms and adapts, one frame at a time: it grows when a packet, or its beginning, came too late,
+// and shrinks when for two seconds all packets came needlessly early. It never exceeds 100 ms: then the oldest samples
+// go. Another SSRC, or a lasting jump of the timestamps, begins anew. When nothing was there to play for 200 ms, the
+// output pauses until the next packet. One thread at a time.
 class JitterBuffer {
  public:
   using Frame = std::array<std::uint8_t, kPcmuFrameBytes>;
@@ -50,6 +49,8 @@ class JitterBuffer {
   bool noteSequence(const RtpHeader& header);
   void restart(const RtpPacket& packet, Micros now);
   void onLate(const RtpPacket& packet, Micros now);
+  bool mayGrow(std::int64_t end, Micros now) const;
+  void growDelay(Micros now);
   void store(const RtpPacket& packet, Micros now);
   void makeRoom(std::uint32_t end, Micros now);
   void skipFrame();

@@ -281,6 +281,35 @@ TEST_F(JitterBufferTest, GrowsItsDelayWhenPacketsComeLate) {
   EXPECT_EQ(std::count(after.begin(), after.end(), kSilent), 0);
 }
 
+TEST_F(JitterBufferTest, GrowsItsDelayWhenOnlyTheBeginningOfPacketsComesLate) {
+  // Packets of 60 ms on a way that becomes 50 ms longer: their first third comes after it was due.
+  constexpr std::size_t kLong = 3 * kPcmuFrameBytes;
+  std::vector<int> before;
+  std::vector<int> after;
+  for (std::uint32_t n = 0; n < 120; ++n) {
+    const Micros written = 3 * kFrame * n;
+    const Micros arrival = written + (n < 20 ? Micros(0) : Micros(50000));
+    std::vector<int>& played = n < 40 ? before : after;
+    for (const int value : takeUntil(arrival)) played.push_back(value);
+    insert(static_cast<std::uint16_t>(n), n * 3 * kStep, 1, arrival, kLong);
+  }
+  EXPECT_EQ(std::count(before.begin(), before.end(), 1) + std::count(before.begin(), before.end(), kSilent),
+            static_cast<std::ptrdiff_t>(before.size()));
+  EXPECT_GT(std::count(before.begin(), before.end(), kSilent), 0);
+  EXPECT_EQ(std::count(after.begin(), after.end(), kSilent), 0);
+}
+
+TEST_F(JitterBufferTest, DoesNotTradeSamplesForADelayThatTheLimitForbids) {
+  // Packets as long as the limit, a little late: there is no room for a longer delay.
+  std::vector<int> played;
+  for (std::uint32_t n = 0; n < 50; ++n) {
+    const Micros arrival = 5 * kFrame * n + (n == 0 ? Micros(0) : Micros(5000));
+    for (const int value : takeUntil(arrival)) played.push_back(value);
+    insert(static_cast<std::uint16_t>(n), n * 5 * kStep, 1, arrival, 5 * kPcmuFrameBytes);
+  }
+  EXPECT_LE(std::count(played.begin(), played.end(), kSilent), 50) << "no more than what came late";
+}
+
 TEST_F(JitterBufferTest, GrowsByOneFrameForOneLatePacket) {
   stream(0, 50);
   EXPECT_EQ(takeUntil(51 * kFrame), std::vector<int>{49});
