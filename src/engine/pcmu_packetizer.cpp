@@ -7,7 +7,7 @@ namespace kovra {
 
 namespace {
 
-constexpr Micros kSampleTime{125};
+Micros TimeOf(ByteView samples) { return Micros{125} * static_cast<std::int64_t>(samples.size); }
 
 }  // namespace
 
@@ -15,24 +15,26 @@ PcmuPacketizer::PcmuPacketizer(std::shared_ptr<FramePool> pool) : pool_(std::mov
 
 FrameRef PcmuPacketizer::packetize(ByteView& audio, Micros now) {
   if (audio.empty()) return {};
+  const bool firstOfTalkspurt = !insideWrite_ && beginWrite(audio, now);
   const ByteView payload = audio.from(0, kMaxPacketBytes);
   audio = audio.from(payload.size);
-  const bool firstOfTalkspurt = passPause(now);
+  insideWrite_ = !audio.empty();
   FrameRef frame = pool_->take(payload.size);
   frame.edit().setTimestamp(timestamp_);
   frame.edit().add({}, payload, firstOfTalkspurt);
   timestamp_ += static_cast<std::uint32_t>(payload.size);
-  // A caller whose clock is a little fast runs ahead without end; its pauses are to be seen all the same.
-  end_ = std::min(*end_ + kSampleTime * static_cast<std::int64_t>(payload.size), now + kPause);
   return frame;
 }
 
-// Whether a talkspurt begins at now.
-bool PcmuPacketizer::passPause(Micros now) {
+// Whether a talkspurt begins with what is written at now.
+bool PcmuPacketizer::beginWrite(ByteView audio, Micros now) {
   const bool first = !end_;
   const bool paused = end_ && now - *end_ > kPause;
+  if (first) timestamp_ = ToRtpTicks(now, kPcmuClockRate);
   if (paused) timestamp_ += ToRtpTicks(now - *end_, kPcmuClockRate);
-  end_ = std::max(end_.value_or(now), now);
+  const Micros length = TimeOf(audio);
+  // A caller whose clock is a little fast runs ahead without end; its pauses are to be seen all the same.
+  end_ = std::min(std::max(end_.value_or(now), now) + length, now + std::max(length, kPause));
   return first || paused;
 }
 

@@ -28,16 +28,18 @@ class PcmuPacketizer {
   explicit PcmuPacketizer(std::shared_ptr<FramePool> pool);
 
   // Takes at most kMaxPacketBytes off the front of audio, written at now: a frame of one packet, whose timestamp
-  // follows the one before. Call it until audio is empty; then it returns an empty reference. After a pause the
-  // timestamp has advanced by its length, and the packet has the marker of a talkspurt's first.
+  // follows the one before. Call it until audio is empty; then it returns an empty reference. The first timestamp is
+  // that of its time, so that a viewer may change from stream to stream. After a pause the timestamp has advanced by
+  // its length, and the packet has the marker of a talkspurt's first.
   FrameRef packetize(ByteView& audio, Micros now);
 
  private:
-  bool passPause(Micros now);
+  bool beginWrite(ByteView audio, Micros now);
 
   const std::shared_ptr<FramePool> pool_;
   std::uint32_t timestamp_ = 0;
   std::optional<Micros> end_;  // when the bytes written so far will have been played; nullopt: none yet
+  bool insideWrite_ = false;   // the audio at hand was not empty yet
 };
 
 }  // namespace kovra

@@ -7,6 +7,8 @@
 namespace kovra {
 namespace {
 
+constexpr Micros kSecond{1'000'000};
+
 class PcmuPacketizerTest : public testing::Test {
  protected:
   // The frame of so many bytes written at now.
@@ -80,6 +82,34 @@ TEST_F(PcmuPacketizerTest, SeesNoPauseWhereACallerWritesLongBuffers) {
     EXPECT_EQ(frame->timestamp(), 800u * static_cast<std::uint32_t>(i));
     EXPECT_EQ(frame->marker(0), i == 0);
   }
+}
+
+TEST_F(PcmuPacketizerTest, SeesNoPauseWhereACallerWritesASecondAtATime) {
+  for (int i = 0; i < 5; ++i) {
+    const Micros now = kSecond * i + (i % 2 == 0 ? Micros(0) : Micros(150'000));
+    const std::vector<std::uint8_t> audio(8000, 0x55);
+    ByteView rest(audio);
+    for (std::uint32_t packet = 0; packet < 10; ++packet) {
+      const FrameRef frame = packetizer_.packetize(rest, now);
+      ASSERT_EQ(frame->timestamp(), 8000u * static_cast<std::uint32_t>(i) + 800u * packet);
+      ASSERT_EQ(frame->marker(0), i == 0 && packet == 0);
+    }
+    ASSERT_TRUE(rest.empty());
+  }
+}
+
+TEST_F(PcmuPacketizerTest, SeesThePauseAfterALongBuffer) {
+  const std::vector<std::uint8_t> audio(8000, 0x55);
+  ByteView rest(audio);
+  while (packetizer_.packetize(rest, Micros(0))) continue;
+  const FrameRef after = write(Micros(1'300'000));
+  EXPECT_TRUE(after->marker(0));
+  EXPECT_EQ(after->timestamp(), 10'400u);
+}
+
+TEST_F(PcmuPacketizerTest, BeginsAtTheTimeOfTheFirstWriteSoThatStreamsFitTogether) {
+  EXPECT_EQ(write(Micros(5'000'000))->timestamp(), 40'000u);
+  EXPECT_EQ(write(Micros(5'020'000))->timestamp(), 40'160u);
 }
 
 TEST_F(PcmuPacketizerTest, SeesThePauseOfACallerWhoRunsAhead) {
