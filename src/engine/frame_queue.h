@@ -13,7 +13,7 @@ namespace kovra {
 struct QueuedFrame {
   enum class Medium { kVideo, kAudio };
 
-  RecentFrame media;
+  RecentFrame media;  // without a frame: one of this stream was lost before it came here
   Medium medium = Medium::kVideo;
   int type = 0;  // video or audio type
 };

@@ -28,12 +28,12 @@ class RecentFrames {
   void add(RecentFrame frame);
   // Lets go of all frames of a stream that has stopped.
   void forgetStale(Micros now);
+  // Lets go of all frames: one that was to follow is missing.
+  void clear();
   // From the key frame on; empty when there is none.
   const std::vector<RecentFrame>& frames() const { return frames_; }
 
  private:
-  void clear();
-
   std::vector<RecentFrame> frames_;
   std::size_t packets_ = 0;
 };

@@ -25,7 +25,7 @@ class VideoInput {
   VideoInput(std::shared_ptr<FramePool> pool, FrameQueue& queue);
 
   // Cuts an access unit, borrowed for the call, into packets, queues the frame when somebody watches and remembers it
-  // for newcomers. Returns whether it was a key frame.
+  // for newcomers. Returns whether it was a key frame. One that is too large is queued as lost.
   bool write(ByteView accessUnit, int videoType, bool isWatched, Micros now);
 
   // The stream's frames since its last key frame; none of a stream that has stopped. All that were queued by now are
@@ -40,7 +40,10 @@ class VideoInput {
     explicit Stream(std::shared_ptr<FramePool> pool);
     H264Packetizer packetizer;
     RecentFrames recent;
+    bool complained = false;
   };
+
+  void lose(Stream& stream, int videoType, bool isWatched, Micros now);
 
   const std::shared_ptr<FramePool> pool_;
   FrameQueue& queue_;

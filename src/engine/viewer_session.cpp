@@ -307,6 +307,7 @@ void ViewerSession::sendVideo(const RecentFrame& frame, int videoType) {
   if (ended_ || !media_ || videoType_ != videoType) return;
   if (frame.number <= lastVideo_) return;
   lastVideo_ = frame.number;
+  if (!frame.frame) return loseVideo();
   media_->sendVideo(frame.frame, frame.arrived);
   publishWish();
   schedule();

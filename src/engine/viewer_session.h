@@ -51,6 +51,7 @@ class ViewerSession final : private IceAgent::Observer {
   // Before or after the offer.
   void addCandidate(const IceCandidate& candidate);
 
+  // Without a frame: one was lost before it came here.
   void sendVideo(const RecentFrame& frame, int videoType);
   void sendAudio(const FrameRef& frame, int audioType, Micros now);
   // Frames were lost before they came here.

@@ -165,6 +165,15 @@ TEST_F(H264PacketizerTest, CallsAFrameAKeyFrameOnlyWhenADecoderCanBeginThere) {
   EXPECT_FALSE(packetize({kSps, kPps, kSlice})->isKeyFrame());
 }
 
+TEST_F(H264PacketizerTest, CallsAPictureWithItsOwnParameterSetsAKeyFrameWhateverTheirIdsAndSizes) {
+  const Nal largeId = {0x68, 0x12, 0x3C, 0x80};  // id 8
+  EXPECT_TRUE(packetize({kSps, largeId, kIdr})->isKeyFrame());
+  EXPECT_TRUE(H264Packetizer(pool_, kMaxRtpPayloadBytes)
+                  .packetize(ByteView(AccessUnit({LongNal(0x67, H264ParameterSets::kMaxSetBytes + 1), kPps, kIdr})), 0)
+                  ->isKeyFrame());
+  EXPECT_FALSE(packetize({kIdr})->isKeyFrame()) << "these are not kept for others";
+}
+
 TEST_F(H264PacketizerTest, PutsTheLastParameterSetsBeforeAnIdrPictureWithoutThem) {
   sent({kSps, kPps, kIdr});
   EXPECT_THAT(sent({kDelimiter, kSei, kIdr, kIdr}), ElementsAre(kSps, kSei, kPps, kIdr, kIdr));

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
 namespace kovra {
@@ -74,6 +76,33 @@ TEST_F(VideoInputTest, IgnoresWhatIsNoPicture) {
   EXPECT_FALSE(write({}));
   EXPECT_FALSE(write({1, 2, 3}));
   EXPECT_TRUE(queued().empty());
+}
+
+TEST_F(VideoInputTest, TellsWhenAFrameIsTooLargeToBeSent) {
+  Bytes huge = kKeyFrame;
+  huge.resize(H264Packetizer::kMaxAccessUnitBytes + 1, 0x77);
+  write(kKeyFrame, 1);
+  write(kKeyFrame, 2);
+  queued();
+  EXPECT_FALSE(write(huge, 1));
+  EXPECT_FALSE(write(kFrame, 1));
+  const auto frames = queued();
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(frames[0].type, 1);
+  EXPECT_FALSE(frames[0].media.frame) << "one is lost";
+  EXPECT_LT(frames[0].media.number, frames[1].media.number);
+  EXPECT_TRUE(frames[1].media.frame);
+  EXPECT_TRUE(input_.recent(1, now()).empty()) << "what follows is of no use without it";
+  EXPECT_EQ(input_.recent(2, now()).size(), 1u);
+}
+
+TEST_F(VideoInputTest, ComplainsOnceAboutFramesThatAreTooLarge) {
+  const Bytes huge(H264Packetizer::kMaxAccessUnitBytes + 1, 0x77);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 3; ++i) write(huge, 1);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+  EXPECT_NE(log.find("video type 1"), std::string::npos) << log;
 }
 
 TEST_F(VideoInputTest, TakesABoundedNumberOfStreams) {
