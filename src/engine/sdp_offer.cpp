@@ -288,7 +288,8 @@ bool OfferReader::readCodecAttribute(std::string_view name, std::string_view val
   if (name == "rtpmap") {
     ReadRtpmap(*codec, Trim(value));
   } else {
-    codec->parameters = Trim(value);
+    if (!codec->parameters.empty()) codec->parameters += ';';
+    codec->parameters += Trim(value);
   }
   return true;
 }

@@ -99,6 +99,13 @@ TEST(ReadSdpOffer, ReadsParametersWithBlanksBetweenThem) {
   EXPECT_EQ(codec.parameter("flag"), "");
 }
 
+TEST(ReadSdpOffer, JoinsTheParametersOfSeveralLines) {
+  const SdpOffer offer = Read(Section("a=fmtp:96 packetization-mode=1\r\na=fmtp:96 profile-level-id=42e01f\r\n"));
+  const SdpCodec& codec = offer.sections[0].codecs[0];
+  EXPECT_EQ(codec.parameter("packetization-mode"), "1");
+  EXPECT_EQ(codec.parameter("profile-level-id"), "42e01f");
+}
+
 TEST(ReadSdpOffer, GivesFeedbackForAllTypesToEach) {
   const SdpOffer offer = Read(kSessionLines +
                               "m=video 9 UDP/TLS/RTP/SAVPF 96 97\r\n"
