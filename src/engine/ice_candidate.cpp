@@ -114,16 +114,9 @@ bool ReadOptionalMembers(const cJSON* object, IceCandidateInit& init) {
   const cJSON* mid = cJSON_GetObjectItemCaseSensitive(object, "sdpMid");
   const cJSON* index = cJSON_GetObjectItemCaseSensitive(object, "sdpMLineIndex");
   const cJSON* fragment = cJSON_GetObjectItemCaseSensitive(object, "usernameFragment");
-  if (cJSON_IsString(mid)) {
-    init.mid = mid->valuestring;
-  } else if (mid != nullptr && !cJSON_IsNull(mid)) {
-    return false;
-  }
-  if (cJSON_IsNumber(index) && index->valueint >= 0 && index->valueint <= UINT16_MAX) {
-    init.sectionIndex = static_cast<std::uint16_t>(index->valueint);
-  } else if (index != nullptr && !cJSON_IsNull(index)) {
-    return false;
-  }
+  const bool isIndex = cJSON_IsNumber(index) && index->valueint >= 0 && index->valueint <= UINT16_MAX;
+  if (mid != nullptr && !cJSON_IsString(mid) && !cJSON_IsNull(mid)) return false;
+  if (index != nullptr && !isIndex && !cJSON_IsNull(index)) return false;
   if (cJSON_IsString(fragment) && init.candidate && init.candidate->usernameFragment.empty()) {
     return ReadExtension("ufrag", fragment->valuestring, *init.candidate);
   }

@@ -31,11 +31,10 @@ struct IceCandidate {
   bool hasLocalName() const;
 };
 
-// A candidate with its place in the session description.
+// A candidate as the viewer signals it. Its place in the session description is checked, but not kept: there is one
+// transport.
 struct IceCandidateInit {
   std::optional<IceCandidate> candidate;  // nullopt: end of candidates
-  std::optional<std::string> mid;
-  std::optional<std::uint16_t> sectionIndex;
 };
 
 constexpr std::size_t kMaxCandidateBytes = 4096;

@@ -39,8 +39,4 @@ const RtpHistory::Packet* RtpHistory::resend(std::uint16_t sequence, Micros now,
   return &packet;
 }
 
-void RtpHistory::clear() {
-  for (Packet& packet : ring_) packet.frame.reset();
-}
-
 }  // namespace kovra

@@ -34,9 +34,6 @@ class RtpHistory {
   // (the request crossed it) or too often. Valid until the next add.
   const Packet* resend(std::uint16_t sequence, Micros now, Micros minInterval);
 
-  // Lets go of all frames.
-  void clear();
-
  private:
   std::vector<Packet> ring_;
 };

@@ -52,9 +52,6 @@ class RtpSender {
   // What a sender report at this time says; nullopt before the first packet.
   std::optional<RtcpSenderInfo> senderInfo(Micros now, NtpTime wallClock) const;
 
-  // Lets go of remembered frames, for a stream that pauses.
-  void clearHistory() { history_.clear(); }
-
   std::uint32_t ssrc() const { return config_.ssrc; }
   std::uint32_t retransmittedPackets() const { return retransmitted_; }
 

@@ -101,7 +101,6 @@ NegotiatedVideo MakeVideo(const SdpSection& section, std::size_t index, const Sd
   NegotiatedVideo video;
   video.section = index;
   video.payloadType = codec.payloadType;
-  video.packetizationMode = codec.parameter("packetization-mode") == "1" ? 1 : 0;
   video.nack = codec.hasFeedback("nack");
   video.pli = codec.hasFeedback("nack pli");
   video.fir = codec.hasFeedback("ccm fir");
@@ -211,7 +210,6 @@ void TakeTransport(const SdpOffer& offer, std::size_t index, SdpSetup preferredS
   result.setup = ChooseSetup(section.setup, preferredSetup);
   result.fingerprints = StrongestOf(section.fingerprints);
   result.candidates = UsableCandidates(section.candidates);
-  result.endOfCandidates = section.endOfCandidates;
 }
 
 // Payload types tell bundled sections apart.

@@ -23,9 +23,6 @@ struct NegotiatedVideo {
   std::size_t section = 0;  // index in the offer
   std::uint8_t payloadType = 0;
   std::optional<std::uint8_t> rtxPayloadType;
-  // 1, or 0 when the offer has nothing else: that viewer is not bound to understand FU-A, without which large
-  // NAL units cannot be sent.
-  int packetizationMode = 1;
   bool nack = false;
   bool pli = false;
   bool fir = false;
@@ -55,7 +52,6 @@ struct SdpNegotiation {
   SdpSetup setup = SdpSetup::kPassive;       // ours: kActive (DTLS client) or kPassive (server)
   std::vector<SdpFingerprint> fingerprints;  // of the strongest algorithm; the certificate must match one
   std::vector<IceCandidate> candidates;      // the viewer's, without duplicates
-  bool endOfCandidates = false;
 };
 
 // Decides for one transport: the BUNDLE group with video in it, if any, or the first section that can be

@@ -221,14 +221,8 @@ bool OfferReader::readTransportAttribute(std::string_view name, std::string_view
     section.iceUfrag = Trim(value);
   } else if (name == "ice-pwd") {
     section.icePassword = Trim(value);
-  } else if (name == "ice-options") {
-    for (std::string_view option = TakeWord(value); !option.empty(); option = TakeWord(value)) {
-      offer_.trickle = offer_.trickle || option == "trickle";
-    }
   } else if (name == "setup") {
     section.setup = ReadSetup(Trim(value));
-  } else if (name == "end-of-candidates") {
-    section.endOfCandidates = true;
   } else if (name == "fingerprint") {
     return readFingerprint(value);
   } else if (const std::optional<SdpDirection> direction = ReadDirection(name)) {

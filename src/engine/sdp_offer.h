@@ -55,7 +55,6 @@ struct SdpSection {
   bool bundleOnly = false;
   std::optional<std::uint8_t> playoutDelayId;  // of the extmap line (RFC 8285) for kPlayoutDelayUri
   std::vector<IceCandidate> candidates;
-  bool endOfCandidates = false;
 
   bool isRejected() const { return port == 0 && !bundleOnly; }
   const SdpCodec* findCodec(std::uint8_t payloadType) const;  // null: not in the section
@@ -64,7 +63,6 @@ struct SdpSection {
 struct SdpOffer {
   std::vector<SdpSection> sections;
   std::vector<std::vector<std::string>> bundleGroups;  // mids
-  bool trickle = false;                                // ice-options
   bool iceLite = false;
 };
 

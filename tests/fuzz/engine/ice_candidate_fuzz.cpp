@@ -14,10 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Expect(WriteIceCandidate(*again) == line, "and is the same");
   Expect(!init->candidate->hasIpAddress() || !init->candidate->hasLocalName(), "an address is no name");
 
-  const std::string mid = init->mid.value_or("mid");
-  const auto fromJson = ReadIceCandidateInit(WriteIceCandidateInit(*init->candidate, mid, 7));
+  const auto fromJson = ReadIceCandidateInit(WriteIceCandidateInit(*init->candidate, "mid", 7));
   Expect(fromJson && fromJson->candidate, "a written RTCIceCandidateInit can be read");
   Expect(WriteIceCandidate(*fromJson->candidate) == line, "with the same candidate");
-  Expect(fromJson->mid == mid && fromJson->sectionIndex == 7, "and the same place");
   return 0;
 }

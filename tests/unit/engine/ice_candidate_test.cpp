@@ -126,8 +126,6 @@ TEST(ReadIceCandidateInit, ReadsTheJsonOfABrowser) {
   ASSERT_TRUE(init->candidate);
   EXPECT_EQ(init->candidate->address, "192.0.2.1");
   EXPECT_EQ(init->candidate->usernameFragment, "EsAw");
-  EXPECT_EQ(init->mid, "0");
-  EXPECT_EQ(init->sectionIndex, 2);
 }
 
 TEST(ReadIceCandidateInit, PrefersTheFragmentInTheLine) {
@@ -141,8 +139,7 @@ TEST(ReadIceCandidateInit, AcceptsMissingAndNullMembers) {
       R"({"candidate":"candidate:1 1 udp 1 192.0.2.1 9 typ host","sdpMid":null,"sdpMLineIndex":null,)"
       R"("usernameFragment":null})");
   ASSERT_TRUE(init);
-  EXPECT_EQ(init->mid, std::nullopt);
-  EXPECT_EQ(init->sectionIndex, std::nullopt);
+  EXPECT_TRUE(init->candidate);
   init = ReadIceCandidateInit(R"({"candidate":"candidate:1 1 udp 1 192.0.2.1 9 typ host"})");
   ASSERT_TRUE(init);
   EXPECT_TRUE(init->candidate);
@@ -152,7 +149,6 @@ TEST(ReadIceCandidateInit, ReadsABareLine) {
   const auto init = ReadIceCandidateInit("candidate:1 1 udp 1 192.0.2.1 9 typ host\n");
   ASSERT_TRUE(init);
   EXPECT_TRUE(init->candidate);
-  EXPECT_EQ(init->mid, std::nullopt);
 }
 
 TEST(ReadIceCandidateInit, ReadsTheEndOfCandidates) {
@@ -194,9 +190,8 @@ TEST(WriteIceCandidateInit, WritesTheThreeMembers) {
 
 TEST(WriteIceCandidateInit, EscapesTheMid) {
   const auto candidate = ReadIceCandidate("candidate:1 1 udp 7 192.0.2.1 9 typ host");
-  const auto init = ReadIceCandidateInit(WriteIceCandidateInit(*candidate, "\"\\", 0));
-  ASSERT_TRUE(init);
-  EXPECT_EQ(init->mid, "\"\\");
+  EXPECT_EQ(WriteIceCandidateInit(*candidate, "\"\\", 0),
+            R"({"candidate":"candidate:1 1 udp 7 192.0.2.1 9 typ host","sdpMid":"\"\\","sdpMLineIndex":0})");
 }
 
 }  // namespace

@@ -36,7 +36,6 @@ TEST(ReadSdpOffer, ReadsTheOfferOfABrowser) {
   const SdpOffer offer = Read(kBrowserOffer);
   ASSERT_THAT(offer.sections, SizeIs(3));
   EXPECT_THAT(offer.bundleGroups, ElementsAre(ElementsAre("0", "1", "2")));
-  EXPECT_TRUE(offer.trickle);
   EXPECT_FALSE(offer.iceLite);
 
   const SdpSection& video = offer.sections[0];
@@ -175,7 +174,7 @@ TEST(ReadSdpOffer, RefusesAFingerprintThatCannotBeRead) {
   }
 }
 
-TEST(ReadSdpOffer, ReadsCandidatesAndTheirEnd) {
+TEST(ReadSdpOffer, ReadsCandidates) {
   const SdpOffer offer =
       Read(Section("a=candidate:1 1 udp 1 192.0.2.1 9 typ host\r\n"
                    "a=candidate:1 1 future 1 192.0.2.1 9 typ host\r\n"
@@ -184,8 +183,6 @@ TEST(ReadSdpOffer, ReadsCandidatesAndTheirEnd) {
   ASSERT_THAT(offer.sections[0].candidates, SizeIs(2));
   EXPECT_EQ(offer.sections[0].candidates[0].address, "192.0.2.1");
   EXPECT_TRUE(offer.sections[0].candidates[1].hasLocalName());
-  EXPECT_TRUE(offer.sections[0].endOfCandidates);
-  EXPECT_FALSE(Read(Section("")).sections[0].endOfCandidates);
 }
 
 TEST(ReadSdpOffer, TellsARejectedSectionFromOneThatOnlyBundles) {
@@ -199,9 +196,7 @@ TEST(ReadSdpOffer, ReadsSessionAttributes) {
                               "a=group:LS x y\r\na=group:BUNDLE a b\r\na=group:BUNDLE c\r\n"
                               "m=video 9 UDP/TLS/RTP/SAVPF 96\r\n");
   EXPECT_TRUE(offer.iceLite);
-  EXPECT_TRUE(offer.trickle);
   EXPECT_THAT(offer.bundleGroups, ElementsAre(ElementsAre("a", "b"), ElementsAre("c")));
-  EXPECT_FALSE(Read(Section("")).trickle);
 }
 
 TEST(ReadSdpOffer, AcceptsLineFeedsAloneEmptyLinesAndAPortCount) {
