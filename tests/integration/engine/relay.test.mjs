@@ -1,14 +1,20 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
+import { launchChromium, PageViewer } from './support/page.mjs';
 import { State, withProbe } from './support/probe.mjs';
 import { TurnServer } from './support/turn_server.mjs';
 import { endViewers, Viewer } from './support/viewer.mjs';
 
 let turn;
-before(async () => (turn = await TurnServer.start()));
-after(() => {
+let browser;
+before(async () => {
+  turn = await TurnServer.start();
+  browser = await launchChromium();
+});
+after(async () => {
   endViewers();
-  return turn.stop();
+  await browser.close();
+  await turn.stop();
 });
 
 // The relay's address is loopback's: only from there do the viewer's packets carry the address that it announced.
@@ -30,6 +36,51 @@ for (const transport of ['udp', 'tcp']) {
   }));
 }
 
+for (const [viewerWay, cameraWay] of [['udp', null], ['tcp', null], ['udp', 'udp'], ['tcp', 'tcp']]) {
+  const camera = cameraWay ? `a camera that has only one over ${cameraWay}` : 'a camera on any path';
+  test(`Chromium that has only a relay, over ${viewerWay}, watches ${camera}`, () => withProbe(async (probe) => {
+    await probe.startVideo({ onDemand: false });
+    const session = cameraWay
+      ? { relayOnly: true, iceServers: [turn.iceServer(cameraWay)] }
+      : { iceServers: [turn.stunServer()] };
+    const viewer = await PageViewer.open(browser, probe, { session, peer: turn.relayOnlyPeer(viewerWay) });
+    await viewer.shows(20);
+    const { local, remote } = await viewer.selectedPair();
+    assert.equal(local, 'relay');
+    if (cameraWay) assert.equal(remote, 'relay');
+    await viewer.close();
+  }));
+}
+
+test('temporary credentials, whose user is a time and a name, open a relay', () => withProbe(async (probe) => {
+  const temporary = await TurnServer.start({ temporary: true });
+  try {
+    const viewer = new Viewer(probe, { bindAddress, session: { relayOnly: true, iceServers: [temporary.iceServer('udp')] } });
+    await viewer.connect();
+  } finally {
+    await temporary.stop();
+  }
+}));
+
+test('of several TURN servers all that work are used', () => withProbe(async (probe) => {
+  const other = await TurnServer.start({ address: '127.0.0.2' });
+  try {
+    const nobody = { username: 'nobody', credential: 'there' };
+    const iceServers = [
+      { url: 'turn:127.0.0.1:9?transport=udp', ...nobody },
+      { url: 'turn:127.0.0.1:9?transport=tcp', ...nobody },
+      turn.iceServer('udp'),
+      other.iceServer('tcp'),
+    ];
+    const viewer = new Viewer(probe, { bindAddress, session: { relayOnly: true, iceServers } });
+    await viewer.connect();
+    await probe.events.collect(2, ({ event }) => event === 'candidate', 'candidates');
+    assert.deepEqual(new Set(localCandidates(probe).map((line) => line.split(' ')[4])), new Set(['127.0.0.1', '127.0.0.2']));
+  } finally {
+    await other.stop();
+  }
+}));
+
 test('with relayOnly and without trickle the answer holds relayed candidates only', () => withProbe(async (probe) => {
   const session = { relayOnly: true, trickleIce: false, iceServers: [turn.iceServer('udp')] };
   const viewer = new Viewer(probe, { bindAddress, session });
@@ -40,7 +91,7 @@ test('with relayOnly and without trickle the answer holds relayed candidates onl
 }));
 
 test('with relayOnly and a TURN server that refuses us no other path is taken', () => withProbe(async (probe) => {
-  const viewer = new Viewer(probe, { bindAddress, session: { relayOnly: true, iceServers: [turn.iceServer('udp', 'wrong')] } });
+  const viewer = new Viewer(probe, { bindAddress, session: { relayOnly: true, iceServers: [turn.iceServer('udp', { credential: 'wrong' })] } });
   await viewer.call();
   await probe.state(viewer.session, State.FAILED, { patience: 120_000 });
   assert.deepEqual(localCandidates(probe), []);
