@@ -1,5 +1,6 @@
 // Drives an engine for tests written in other languages: one JSON object a line, commands on standard input,
-// replies and events on standard output. The process ends with its input.
+// replies and events on standard output. The process ends with its input. Its argument, if any, is
+// initKovraLibrary's.
 //
 //   {"do":"create","trickleIce":true,"relayOnly":false,"iceServers":[{"url":…,"username":…,"credential":…}]}
 //   {"do":"offer","session":n,"sdp":"…"}       {"do":"candidate","session":n,"candidate":"…"}
@@ -263,8 +264,9 @@ class Probe {
 
 }  // namespace
 
-int main() {
-  if (initKovraLibrary(2) != 0) return 1;
+int main(int argc, char** argv) {
+  constexpr unsigned kWarnings = 2;
+  if (initKovraLibrary(argc > 1 ? static_cast<unsigned>(std::atoi(argv[1])) : kWarnings) != 0) return 1;
   static Probe probe;  // its end is the process's, as with the library's connection object
   std::string line;
   while (std::getline(std::cin, line)) {

@@ -17,8 +17,9 @@ export class Probe {
   #results = new EventLog();
   #asked = 0;
 
-  constructor() {
-    this.process = spawn(program, { stdio: ['pipe', 'pipe', 'pipe'] });
+  // options: the program's.
+  constructor(options = []) {
+    this.process = spawn(program, options, { stdio: ['pipe', 'pipe', 'pipe'] });
     this.process.stdin.on('error', () => {}); // a probe that died shows by its exit code
     this.exited = new Promise((resolve) => this.process.once('exit', (code, signal) => resolve(code ?? signal)));
     readline.createInterface({ input: this.process.stderr }).on('line', (line) => this.complaints.push(line));
@@ -72,6 +73,12 @@ export class Probe {
     return fs.readdirSync(`/proc/${this.process.pid}/task`).length;
   }
 
+  // MiB that do not come from files.
+  memory() {
+    const status = fs.readFileSync(`/proc/${this.process.pid}/status`, 'utf8');
+    return Number(/^RssAnon:\s*(\d+) kB$/m.exec(status)[1]) / 1024;
+  }
+
   async stop() {
     this.process.stdin.end();
     assert.equal(await this.exited, 0, `the probe ends well; it said:\n${this.complaints.items.join('\n')}`);
@@ -80,8 +87,8 @@ export class Probe {
 }
 
 // Runs body with a probe that is stopped afterwards, whatever happens.
-export async function withProbe(body) {
-  const probe = new Probe();
+export async function withProbe(body, options) {
+  const probe = new Probe(options);
   try {
     await body(probe);
   } finally {

@@ -41,11 +41,10 @@ export class TurnServer {
     server.directory = fs.mkdtempSync(path.join(os.tmpdir(), 'turn-'));
     // It goes with us, also when we are killed.
     server.process = spawn('setpriv', [
-      '--pdeathsig', 'TERM', 'turnserver', '-n', `--listening-ip=${address}`, `--relay-ip=${address}`, `--listening-port=${server.port}`,
-      '--no-tls', '--no-dtls',
-      '--no-cli', '--realm=test', '--allow-loopback-peers',
+      '--pdeathsig', 'TERM', 'turnserver', '-n', '--realm=test', '--no-tls', '--no-dtls', '--no-cli', '--verbose',
+      `--listening-ip=${address}`, `--listening-port=${server.port}`, `--relay-ip=${address}`, '--allow-loopback-peers',
       ...(temporary ? ['--use-auth-secret', `--static-auth-secret=${kSecret}`] : ['--lt-cred-mech', `--user=${kUser}:${kPassword}`]),
-      '--log-file=stdout', '--verbose', `--pidfile=${server.directory}/pid`, `--userdb=${server.directory}/users`,
+      '--log-file=stdout', `--pidfile=${server.directory}/pid`, `--userdb=${server.directory}/users`,
     ]);
     server.exited = new Promise((resolve) => server.process.once('exit', resolve));
     let text = '';

@@ -22,11 +22,13 @@ export class Viewer {
   #voiceSequence = 0;
 
   // session is what the engine's session is created with. With giveCandidates false the engine does not learn the
-  // viewer's candidates. bindAddress keeps the viewer to one of the machine's addresses.
-  constructor(probe, { session = {}, giveCandidates = true, bindAddress } = {}) {
+  // viewer's candidates. bindAddress keeps the viewer to one of the machine's addresses. relay: a UdpRelay, the only
+  // way between the viewer and the engine.
+  constructor(probe, { session = {}, giveCandidates = true, bindAddress, relay } = {}) {
     this.probe = probe;
     this.config = session;
-    this.giveCandidates = giveCandidates;
+    this.giveCandidates = giveCandidates && !relay;
+    this.relay = relay;
     this.peer = new nodeDataChannel.PeerConnection('viewer', {
       iceServers: [], disableAutoNegotiation: true, ...(bindAddress && { bindAddress }),
     });
@@ -72,12 +74,15 @@ export class Viewer {
 
   #exchangeCandidates() {
     this.#unfollow.push(this.probe.events.follow((event) => {
-      if (event.event !== 'candidate' || event.session !== this.session) return;
-      const { candidate, sdpMid } = JSON.parse(event.candidate);
-      this.peer.addRemoteCandidate(candidate, sdpMid);
+      if (event.event === 'candidate' && event.session === this.session) this.#takeCandidate(JSON.parse(event.candidate));
     }));
     if (!this.giveCandidates) return;
     this.#unfollow.push(this.localCandidates.follow((candidate) => this.giveCandidate(candidate)));
+  }
+
+  async #takeCandidate(given) {
+    const taken = this.relay ? await this.relay.lead(given) : given;
+    if (taken && open.has(this)) this.peer.addRemoteCandidate(taken.candidate, taken.sdpMid);
   }
 
   giveCandidate(candidate) {
@@ -106,21 +111,27 @@ export class Viewer {
     }));
   }
 
-  // Disappears without a word: nothing of it reaches the engine any more.
+  // Disappears without a word, which takes a relay: nothing of the viewer reaches the engine any more.
   vanish() {
+    this.relay.close();
+    this.end();
+  }
+
+  end() {
     if (!open.delete(this)) return;
     for (const unfollow of this.#unfollow) unfollow();
     this.peer.close();
   }
 
+  // The engine ends the session.
   async leave() {
-    this.vanish();
     await this.probe.do('close', { session: this.session });
+    this.end();
   }
 }
 
 // To be called once, when a test file's viewers are all gone: the library's threads keep node alive.
 export function endViewers() {
-  for (const viewer of open) viewer.vanish();
+  for (const viewer of open) viewer.end();
   nodeDataChannel.cleanup();
 }
