@@ -23,8 +23,6 @@ namespace {
 constexpr std::size_t kMaxIdleFrameBytes = std::size_t{1} << 20;
 constexpr Micros kReportInterval{1'000'000};
 constexpr Micros kComplaintInterval{10'000'000};
-// At the end relays get this much time to free their allocations.
-constexpr Micros kRelayFarewell{300'000};
 
 }  // namespace
 
@@ -69,11 +67,8 @@ void Engine::closeAll() {
   for (auto& [id, session] : sessions_) session->close("the engine stops");
   sessions_.clear();
   second_.set(std::nullopt);
-  const Micros end = MonotonicNow() + kRelayFarewell;
-  // A timer that does nothing but bound the wait.
-  LoopTimer bound(network_.context(), [] {});
-  bound.set(end);
-  while (ice_.closing > 0 && MonotonicNow() < end) g_main_context_iteration(network_.context(), TRUE);
+  // Agents with relays take a moment, each bounded by its timer.
+  while (ice_.closing > 0) g_main_context_iteration(network_.context(), TRUE);
 }
 
 KOVRA_SESSION_ID Engine::createSession(const KovraSessionConfig& config) {

@@ -20,8 +20,11 @@ constexpr unsigned kPacingMillis = 5;
 constexpr unsigned kCheckTimeoutMillis = 150;
 constexpr unsigned kCheckRetransmissions = 6;
 
-// Relays have answered by then that an allocation is freed, or never will.
-constexpr unsigned kRelayFarewellMillis = 1000;
+// The request to free an allocation goes out at once, and once more after kCheckTimeout. Nobody hears the answer.
+constexpr unsigned kRelayFarewellMillis = 200;
+
+// Far more than a browser with several networks and relays has; what comes late matters most, since relays do.
+constexpr unsigned kMaxRemoteCandidates = 64;
 
 IceCandidateType ToType(NiceCandidateType type) {
   switch (type) {
@@ -171,11 +174,12 @@ bool IceAgent::configure(const IceSettings& settings) {
 }
 
 // nice_agent_close_async would tell when the relays are done, but GLib makes a thread for good for whoever uses its
-// tasks.
+// tasks. Without a stream an agent must not live on before it has allocations: libnice would still look for the stream
+// when it begins to ask the STUN server.
 IceAgent::~IceAgent() {
   g_signal_handlers_disconnect_by_data(agent_, this);
   if (stream_ != 0) nice_agent_attach_recv(agent_, stream_, kComponent, nullptr, nullptr, nullptr);
-  if (!hasRelays_) {
+  if (!hasAllocations_) {
     g_object_unref(agent_);
     return;
   }
@@ -198,7 +202,6 @@ IceAgent::~IceAgent() {
 bool IceAgent::gather() { return nice_agent_gather_candidates(agent_, stream_) != FALSE; }
 
 bool IceAgent::addRelay(const IceRelay& relay) {
-  hasRelays_ = true;
   return nice_agent_set_relay_info(
              agent_, stream_, kComponent, relay.address.ip.c_str(), relay.address.port, relay.username.c_str(),
              relay.credential.c_str(),
@@ -210,8 +213,6 @@ bool IceAgent::setRemoteCredentials(const std::string& ufrag, const std::string&
 }
 
 bool IceAgent::addRemoteCandidate(const IceCandidate& candidate) {
-  // libnice keeps as many; peer-reflexive ones need room too.
-  constexpr unsigned kMaxRemoteCandidates = NICE_AGENT_MAX_REMOTE_CANDIDATES - 5;
   if (candidate.transport != IceTransport::kUdp || candidate.component != kComponent) return false;
   if (remoteCandidates_ >= kMaxRemoteCandidates) return false;
   const std::unique_ptr<NiceCandidate, FreeCandidate> added(nice_candidate_new(ToNice(candidate.type)));
@@ -225,14 +226,15 @@ bool IceAgent::addRemoteCandidate(const IceCandidate& candidate) {
   added->priority = candidate.priority;
   g_strlcpy(added->foundation, candidate.foundation.c_str(), sizeof(added->foundation));
 
-  ++remoteCandidates_;
   GSList item{added.get(), nullptr};
-  return nice_agent_set_remote_candidates(agent_, stream_, kComponent, &item) > 0;
+  if (nice_agent_set_remote_candidates(agent_, stream_, kComponent, &item) <= 0) return false;
+  ++remoteCandidates_;
+  return true;
 }
 
 std::size_t IceAgent::send(const PacketBatch& batch, std::size_t first) {
   if (!isConnected()) return batch.count();
-  return path_ ? path_->send(batch, first) : sendThroughAgent(batch, first);
+  return path_ ? path_->send(g_socket_get_fd(socket_.get()), batch, first) : sendThroughAgent(batch, first);
 }
 
 std::size_t IceAgent::sendThroughAgent(const PacketBatch& batch, std::size_t first) {
@@ -286,6 +288,7 @@ void IceAgent::onComponentState(NiceComponentState state) {
 }
 
 void IceAgent::onNewCandidate(const NiceCandidate& candidate) {
+  if (candidate.type == NICE_CANDIDATE_TYPE_RELAYED) hasAllocations_ = true;
   if (candidate.transport != NICE_CANDIDATE_TRANSPORT_UDP) return;
   if (relayOnly_ && candidate.type != NICE_CANDIDATE_TYPE_RELAYED) return;
   IceCandidate found;

@@ -119,11 +119,11 @@ class IceAgent {
   NiceAgent* const agent_;
   const unsigned stream_;
   const bool relayOnly_;
-  bool hasRelays_ = false;
+  bool hasAllocations_ = false;
   Observer& observer_;
   IceTransportState state_ = IceTransportState::kNew;
   unsigned remoteCandidates_ = 0;
-  std::unique_ptr<GSocket, Unref> socket_;  // of path_
+  std::unique_ptr<GSocket, Unref> socket_;  // of path_; libnice may close it
   std::optional<UdpPath> path_;             // while the selected pair is plain UDP
 };
 

@@ -21,7 +21,13 @@ constexpr std::size_t kMaxRuns = 32;
 
 bool IsBufferFull(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS; }
 
-// What a kernel or a network device without segmentation offload answers.
+// A kernel without segmentation offload does not heed its control messages: a run would leave as one datagram.
+bool CanSegment(int socket) {
+  const int off = 0;
+  return setsockopt(socket, SOL_UDP, UDP_SEGMENT, &off, sizeof(off)) == 0;
+}
+
+// What a network device without segmentation offload answers.
 bool IsSegmentationRefused(int error) { return error == EINVAL || error == EIO || error == EMSGSIZE; }
 
 }  // namespace
@@ -45,13 +51,13 @@ struct UdpPath::Run {
 };
 
 UdpPath::UdpPath(int socket, const sockaddr_storage& to)
-    : socket_(socket),
-      to_(to),
-      toBytes_(to.ss_family == AF_INET6 ? socklen_t{sizeof(sockaddr_in6)} : socklen_t{sizeof(sockaddr_in)}) {
-  setsockopt(socket_, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof(kSendBufferBytes));
+    : to_(to),
+      toBytes_(to.ss_family == AF_INET6 ? socklen_t{sizeof(sockaddr_in6)} : socklen_t{sizeof(sockaddr_in)}),
+      segmentation_(CanSegment(socket)) {
+  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof(kSendBufferBytes));
 }
 
-std::size_t UdpPath::send(const PacketBatch& batch, std::size_t first) {
+std::size_t UdpPath::send(int socket, const PacketBatch& batch, std::size_t first) {
   while (first < batch.count()) {
     std::array<Run, kMaxRuns> runs;
     std::array<mmsghdr, kMaxRuns> messages{};
@@ -68,7 +74,7 @@ std::size_t UdpPath::send(const PacketBatch& batch, std::size_t first) {
       header.msg_iovlen = 1;
       if (run.end - begin > 1) run.segment(header, batch.packet(begin).size);
     }
-    const int sent = sendmmsg(socket_, messages.data(), count, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const int sent = sendmmsg(socket, messages.data(), count, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent > 0) {
       first = runs[static_cast<std::size_t>(sent) - 1].end;
     } else if (IsBufferFull(errno)) {

@@ -338,6 +338,21 @@ TEST_F(EngineLoopbackTest, AFrozenViewerDoesNotDisturbTheOthers) {
   expectMoreVideo(*frozen);
 }
 
+TEST_F(EngineLoopbackTest, BearsAHangUpRightBehindTheOffer) {
+  LoopbackViewer viewer(*streamer_, events_);
+  const std::string offer = viewer.makeOffer();
+  KovraSessionConfig config;
+  // The discard service: nobody answers.
+  config.iceServers = {{"stun:127.0.0.1:9", "", ""}, {"turn:127.0.0.1:9?transport=udp", "user", "password"}};
+  for (int i = 0; i < 20; ++i) {
+    const KOVRA_SESSION_ID session = streamer_->createSession(config);
+    EXPECT_EQ(streamer_->setRemoteOffer(session, offer), 0);
+    EXPECT_TRUE(events_.waitFor(session, [](const EngineEvents::Session& events) { return !events.states.empty(); }));
+    EXPECT_EQ(streamer_->closeSession(session), 0);
+  }
+  watch();
+}
+
 TEST_F(EngineLoopbackTest, TellsOnlyTheSessionsOwnStates) {
   const auto viewer = watch();
   EXPECT_THAT(events_.session(viewer->session()).states,

@@ -36,13 +36,18 @@ LoopbackViewer::~LoopbackViewer() {
   network_.stop([this] { ice_.reset(); });
 }
 
-bool LoopbackViewer::call(const ViewerOffer& offer) {
+std::string LoopbackViewer::makeOffer(const ViewerOffer& offer) {
   run([&] { startIce(offer); });
   gathered_.get_future().wait();
+  return offerText(offer);
+}
+
+bool LoopbackViewer::call(const ViewerOffer& offer) {
+  const std::string text = makeOffer(offer);
   KovraSessionConfig config;
   config.trickleIce = false;
   session_ = streamer_.createSession(config);
-  if (session_ == 0 || streamer_.setRemoteOffer(session_, offerText(offer)) != 0) return false;
+  if (session_ == 0 || streamer_.setRemoteOffer(session_, text) != 0) return false;
   if (!events_.waitFor(session_, [](const EngineEvents::Session& session) { return !session.answers.empty(); })) {
     return false;
   }

@@ -47,6 +47,8 @@ class LoopbackViewer final : private IceAgent::Observer {
   LoopbackViewer(const LoopbackViewer&) = delete;
   LoopbackViewer& operator=(const LoopbackViewer&) = delete;
 
+  // An offer with all candidates, without a session.
+  std::string makeOffer(const ViewerOffer& offer = {});
   // Opens a session and gives it an offer with all candidates. The connection follows by itself. False when the offer
   // was refused.
   bool call(const ViewerOffer& offer = {});

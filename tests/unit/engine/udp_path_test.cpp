@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace kovra {
@@ -71,7 +75,7 @@ void ExpectArrival(int family, const std::vector<std::size_t>& sizes, std::size_
   if (!from.usable()) GTEST_SKIP() << "this machine has no such addresses";
   const PacketBatch batch = Batch(sizes);
   UdpPath path(from.fd(), to.address());
-  EXPECT_EQ(path.send(batch, first), sizes.size());
+  EXPECT_EQ(path.send(from.fd(), batch, first), sizes.size());
   for (std::size_t i = first; i < sizes.size(); ++i) {
     EXPECT_EQ(to.receive(), Packet(sizes[i], i)) << i << " of " << sizes.size();
   }
@@ -93,11 +97,30 @@ TEST(UdpPath, SendsMoreRunsThanOneCallCarries) {
 }
 TEST(UdpPath, SendsOverIpv6) { ExpectArrival(AF_INET6, {1200, 1200, 1200, 300, 7}); }
 
+// Local datagram sockets ignore the control message for segmentation, as kernels do that do not know it.
+TEST(UdpPath, SendsPacketsOneByOneWhereTheKernelCannotSegment) {
+  sockaddr_storage name{};
+  name.ss_family = AF_UNIX;
+  const std::string text = "udp-path" + std::to_string(getpid());
+  std::memcpy(reinterpret_cast<sockaddr_un&>(name).sun_path + 1, text.data(), std::min<std::size_t>(text.size(), 13));
+  const int to = socket(AF_UNIX, SOCK_DGRAM, 0);
+  const int from = socket(AF_UNIX, SOCK_DGRAM, 0);
+  ASSERT_EQ(bind(to, reinterpret_cast<const sockaddr*>(&name), sizeof(sockaddr_in)), 0);
+  UdpPath path(from, name);
+  EXPECT_EQ(path.send(from, Batch({700, 700, 700, 90}), 0), 4u);
+  for (const ssize_t size : {700, 700, 700, 90}) {
+    std::array<char, 4000> datagram;
+    EXPECT_EQ(recv(to, datagram.data(), datagram.size(), MSG_DONTWAIT), size);
+  }
+  close(from);
+  close(to);
+}
+
 TEST(UdpPath, GivesUpWhatTheSocketRefuses) {
   sockaddr_storage nowhere{};
   nowhere.ss_family = AF_INET;
   UdpPath path(-1, nowhere);
-  EXPECT_EQ(path.send(Batch({100, 100, 50, 60}), 0), 4u);
+  EXPECT_EQ(path.send(-1, Batch({100, 100, 50, 60}), 0), 4u);
 }
 
 TEST(PacketBatch, KeepsPacketsBehindOneAnother) {
