@@ -1,5 +1,7 @@
 #include "connection_state.h"
 
+#include <algorithm>
+
 namespace kovra {
 
 std::optional<KOVRA_STATE> ConnectionState::start() {
@@ -35,10 +37,12 @@ std::optional<KOVRA_STATE> ConnectionState::onAlive(Micros now) {
   return change(KOVRA_STATE_CONNECTED);
 }
 
+std::optional<KOVRA_STATE> ConnectionState::onConsentRevoked() { return change(KOVRA_STATE_FAILED); }
+
 std::optional<KOVRA_STATE> ConnectionState::onTime(Micros now) {
   if (state_ == KOVRA_STATE_CONNECTING && now - offeredAt_ >= kSetupTime) return change(KOVRA_STATE_FAILED);
   if (state_ != KOVRA_STATE_CONNECTED && state_ != KOVRA_STATE_DISCONNECTED) return std::nullopt;
-  if (now - aliveAt_ >= kConsentLifetime) return change(KOVRA_STATE_FAILED);
+  if (now - aliveAt_ >= kFailedAfter || now - consentAt_ >= kConsentLifetime) return change(KOVRA_STATE_FAILED);
   if (now - aliveAt_ >= kDisconnectedAfter) return change(KOVRA_STATE_DISCONNECTED);
   return std::nullopt;
 }
@@ -48,9 +52,9 @@ std::optional<Micros> ConnectionState::deadline() const {
     case KOVRA_STATE_CONNECTING:
       return offeredAt_ + kSetupTime;
     case KOVRA_STATE_CONNECTED:
-      return aliveAt_ + kDisconnectedAfter;
+      return std::min(aliveAt_ + kDisconnectedAfter, consentAt_ + kConsentLifetime);
     case KOVRA_STATE_DISCONNECTED:
-      return aliveAt_ + kConsentLifetime;
+      return std::min(aliveAt_ + kFailedAfter, consentAt_ + kConsentLifetime);
     default:
       return std::nullopt;
   }
@@ -68,6 +72,7 @@ std::optional<KOVRA_STATE> ConnectionState::connectIfReady(Micros now) {
     return std::nullopt;
   }
   aliveAt_ = now;
+  consentAt_ = now;
   return change(KOVRA_STATE_CONNECTED);
 }
 

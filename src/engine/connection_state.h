@@ -21,21 +21,27 @@ enum class DtlsTransportState { kNew, kConnecting, kConnected, kClosed, kFailed 
 //   CONNECTED     ICE and DTLS both connected
 //   DISCONNECTED  connected, but nothing heard from the viewer for kDisconnectedAfter; a sign of life makes it
 //                 CONNECTED again
-//   FAILED        nothing heard for kConsentLifetime, not connected within kSetupTime after the offer, DTLS
-//                 failed, or ICE failed after it had been connected
+//   FAILED        nothing heard for kFailedAfter, the viewer's consent not renewed for kConsentLifetime or revoked,
+//                 not connected within kSetupTime after the offer, DTLS failed, or ICE failed after it had been
+//                 connected
 //   CLOSED        the viewer closed DTLS
 class ConnectionState {
  public:
   static constexpr Micros kSetupTime{30'000'000};
-  static constexpr Micros kDisconnectedAfter{8'000'000};
-  static constexpr Micros kConsentLifetime{15'000'000};
+  // Consent is asked for every six seconds at most: one answer may be lost.
+  static constexpr Micros kDisconnectedAfter{12'000'000};
+  static constexpr Micros kFailedAfter{14'500'000};
+  static constexpr Micros kConsentLifetime{30'000'000};  // RFC 7675, 5.1
 
   std::optional<KOVRA_STATE> start();
   std::optional<KOVRA_STATE> onOffer(Micros now);
   std::optional<KOVRA_STATE> onIce(IceTransportState state, Micros now);
   std::optional<KOVRA_STATE> onDtls(DtlsTransportState state, Micros now);
-  // A sign of life: a STUN message with a valid integrity, or an SRTP packet that authenticated.
+  // A sign of life: an SRTP packet that authenticated.
   std::optional<KOVRA_STATE> onAlive(Micros now);
+  // The viewer has renewed its consent to be sent to, by an answer of its own or by libnice's word.
+  void onConsent(Micros now) { consentAt_ = now; }
+  std::optional<KOVRA_STATE> onConsentRevoked();
   // Time went on. Call it at deadline() or later; any number of times.
   std::optional<KOVRA_STATE> onTime(Micros now);
 
@@ -53,6 +59,7 @@ class ConnectionState {
   DtlsTransportState dtls_ = DtlsTransportState::kNew;
   Micros offeredAt_{0};
   Micros aliveAt_{0};
+  Micros consentAt_{0};
 };
 
 }  // namespace kovra

@@ -110,9 +110,8 @@ struct FreeCandidate {
 
 std::unique_ptr<IceAgent> IceAgent::Create(IceContext& ice, const IceSettings& settings, Observer& observer) {
   const ThreadDefaultContext scope(ice.context);
-  const auto options =
-      static_cast<NiceAgentOption>(NICE_AGENT_OPTION_ICE_TRICKLE | NICE_AGENT_OPTION_CONSENT_FRESHNESS);
-  NiceAgent* agent = nice_agent_new_full(ice.context, NICE_COMPATIBILITY_RFC5245, options);
+  // Consent is asked for by ourselves: libnice gives up when two answers in a row come late, or one does not come.
+  NiceAgent* agent = nice_agent_new_full(ice.context, NICE_COMPATIBILITY_RFC5245, NICE_AGENT_OPTION_ICE_TRICKLE);
   if (agent == nullptr) return nullptr;
   // Two things that need no help from outside the viewer's call, and that open sockets of their own.
   g_object_set(agent, "upnp", FALSE, "ice-tcp", FALSE, nullptr);
@@ -260,6 +259,12 @@ bool IceAgent::send(ByteView datagram) {
                          reinterpret_cast<const gchar*>(datagram.data)) == static_cast<gint>(datagram.size);
 }
 
+bool IceAgent::isControlling() const {
+  gboolean controlling = FALSE;
+  g_object_get(agent_, "controlling-mode", &controlling, nullptr);
+  return controlling != FALSE;
+}
+
 IceAgent::SelectedPair IceAgent::selectedPair() const {
   NiceCandidate* local = nullptr;
   NiceCandidate* remote = nullptr;
@@ -308,7 +313,13 @@ void IceAgent::onNewCandidate(const NiceCandidate& candidate) {
 }
 
 void IceAgent::onSelectedPair(const NiceCandidate& local, const NiceCandidate& remote) {
+  inlet_.reset();
   path_.reset();
+  useDirectPath(local, remote);
+  g_object_set(agent_, "keepalive-conncheck", static_cast<gboolean>(!isDirect()), nullptr);
+}
+
+void IceAgent::useDirectPath(const NiceCandidate& local, const NiceCandidate& remote) {
   socket_.reset(local.type == NICE_CANDIDATE_TYPE_RELAYED
                     ? nullptr
                     : nice_agent_get_selected_socket(agent_, stream_, kComponent));
@@ -317,6 +328,17 @@ void IceAgent::onSelectedPair(const NiceCandidate& local, const NiceCandidate& r
   sockaddr_storage to{};
   nice_address_copy_to_sockaddr(&remote.addr, reinterpret_cast<sockaddr*>(&to));
   path_.emplace(g_socket_get_fd(socket_.get()), to);
+  inlet_.emplace(ice_.context, socket_.get(), to,
+                 [this](std::uint8_t* data, std::size_t size) { return take(data, size); });
+}
+
+// What shares the port tells itself apart by the first byte (RFC 7983).
+bool IceAgent::take(std::uint8_t* data, std::size_t size) {
+  if (data[0] < 4) return observer_.onStun({data, size});
+  const bool isDtls = data[0] >= 20 && data[0] <= 63;
+  const bool isMedia = data[0] >= 128 && data[0] <= 191;
+  if (isDtls || isMedia) observer_.onDatagram(data, size);
+  return isDtls || isMedia;
 }
 
 }  // namespace kovra

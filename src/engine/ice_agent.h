@@ -14,6 +14,7 @@
 #include "connection_state.h"
 #include "ice_candidate.h"
 #include "packet_batch.h"
+#include "udp_inlet.h"
 #include "udp_path.h"
 
 namespace kovra {
@@ -59,6 +60,9 @@ class IceAgent {
     virtual void onGatheringDone() = 0;
     // A datagram of the viewer's that is not STUN; its bytes may be changed during the call.
     virtual void onDatagram(std::uint8_t* data, std::size_t size) = 0;
+    // A STUN message on the selected pair while isDirect. Whether it was for the observer, so that libnice is not to
+    // see it.
+    virtual bool onStun(ByteView message) = 0;
 
    protected:
     ~Observer() = default;
@@ -92,6 +96,11 @@ class IceAgent {
   std::size_t send(const PacketBatch& batch, std::size_t first);
   bool send(ByteView datagram);
 
+  // Whether the selected pair is plain UDP, and the observer sees the viewer's STUN. Otherwise libnice asks for the
+  // viewer's consent, and fails when there is none for 50 s.
+  bool isDirect() const { return inlet_.has_value(); }
+  // May change until a pair is selected.
+  bool isControlling() const;
   SelectedPair selectedPair() const;
 
  private:
@@ -108,6 +117,8 @@ class IceAgent {
   void onComponentState(NiceComponentState state);
   void onNewCandidate(const NiceCandidate& candidate);
   void onSelectedPair(const NiceCandidate& local, const NiceCandidate& remote);
+  void useDirectPath(const NiceCandidate& local, const NiceCandidate& remote);
+  bool take(std::uint8_t* data, std::size_t size);
   std::size_t sendThroughAgent(const PacketBatch& batch, std::size_t first);
 
   struct Unref {
@@ -125,6 +136,7 @@ class IceAgent {
   unsigned remoteCandidates_ = 0;
   std::unique_ptr<GSocket, Unref> socket_;  // of path_; libnice may close it
   std::optional<UdpPath> path_;             // while the selected pair is plain UDP
+  std::optional<UdpInlet> inlet_;           // together with path_
 };
 
 }  // namespace kovra

@@ -3,6 +3,7 @@ add_library(
   signalconn_engine_media STATIC
   annexb.cpp
   connection_state.cpp
+  consent.cpp
   h264_packetizer.cpp
   h264_parameter_sets.cpp
   ice_candidate.cpp
@@ -21,6 +22,7 @@ add_library(
   sdp_answer.cpp
   sdp_negotiation.cpp
   sdp_offer.cpp
+  stun_message.cpp
   text.cpp)
 target_include_directories(signalconn_engine_media PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
-target_link_libraries(signalconn_engine_media PRIVATE signalconn_warnings PkgConfig::cjson)
+target_link_libraries(signalconn_engine_media PRIVATE signalconn_warnings PkgConfig::cjson PkgConfig::openssl)

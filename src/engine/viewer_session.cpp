@@ -24,6 +24,8 @@ constexpr Micros kStunNameTime{500'000};
 // Without trickle a server that does not answer is not to hold up the answer for longer.
 constexpr Micros kGatheringTime{2'000'000};
 constexpr std::size_t kMaxEarlyCandidates = 64;
+// Of a check that finds a peer-reflexive candidate (RFC 8445, 7.1.1), with the other preferences at their highest.
+constexpr std::uint32_t kCheckPriority = 110u << 24 | 65535u << 8 | 255u;
 constexpr std::size_t kMaxEarlyDatagrams = 8;
 
 // Of the alphabet of ICE (RFC 8445, 5.3), 6 random bits a character.
@@ -252,8 +254,45 @@ void ViewerSession::onGatheringDone() {
 void ViewerSession::onIceState(IceTransportState state) {
   if (ended_) return;
   report(state_.onIce(state, MonotonicNow()), "the viewer does not answer any more");
-  if (state == IceTransportState::kConnected) startDtls();
+  if (state == IceTransportState::kConnected) {
+    startConsent();
+    startDtls();
+  }
   schedule();
+}
+
+void ViewerSession::startConsent() {
+  if (ended_ || consent_) return;
+  StunCheck check;
+  check.username = negotiation_.iceUfrag + ":" + localUfrag_;
+  check.priority = kCheckPriority;
+  check.controlling = ice_->isControlling();
+  check.tieBreaker = RandomNumber();
+  consent_.emplace(
+      std::move(check), negotiation_.icePassword,
+      [](std::uint8_t* out, std::size_t size) { RAND_bytes(out, static_cast<int>(size)); }, MonotonicNow());
+}
+
+// Elsewhere than on a direct path libnice would keep the answers to itself; there it asks, too.
+void ViewerSession::askForConsent(Micros now) {
+  if (!consent_ || now < consent_->nextRequest()) return;
+  const ByteView request = consent_->request(now);
+  if (ice_->isDirect()) ice_->send(request);
+}
+
+bool ViewerSession::onStun(ByteView message) {
+  if (ended_ || !consent_) return false;
+  const Consent::Answer answer = consent_->receive(message);
+  if (answer == Consent::Answer::kUnrelated) return false;
+  const Micros now = MonotonicNow();
+  if (answer == Consent::Answer::kRevoked) {
+    report(state_.onConsentRevoked(), "the viewer revoked its consent");
+  } else {
+    state_.onConsent(now);
+    report(state_.onAlive(now), "");
+  }
+  schedule();
+  return true;
 }
 
 void ViewerSession::startDtls() {
@@ -266,7 +305,7 @@ void ViewerSession::startDtls() {
 
 void ViewerSession::onDatagram(std::uint8_t* data, std::size_t size) {
   if (ended_ || size == 0) return;
-  // What shares the port tells itself apart by the first byte (RFC 7983).
+  // See RFC 7983.
   const bool isDtls = data[0] >= 20 && data[0] <= 63;
   const bool isMedia = data[0] >= 128 && data[0] <= 191;
   if (isDtls) {
@@ -345,9 +384,8 @@ void ViewerSession::replayVideo(Micros now) {
 
 void ViewerSession::onSecond(Micros now) {
   if (ended_ || !media_) return;
-  // libnice asks the viewer for its consent every few seconds and gives up after ten without an answer (RFC 7675);
-  // until then the path lives.
-  if (ice_->isConnected()) report(state_.onAlive(now), "");
+  // Through a relay libnice asks for the viewer's consent, and tells only when it has none.
+  if (ice_->isConnected() && !ice_->isDirect()) state_.onConsent(now);
   media_->report(now);
 }
 
@@ -371,6 +409,7 @@ void ViewerSession::onTimer() {
     media_->onTime(now);
     publishWish();
   }
+  askForConsent(now);
   report(state_.onTime(now),
          state_.state() == KOVRA_STATE_CONNECTING ? "no connection came about" : "the viewer does not answer any more");
   schedule();
@@ -380,6 +419,7 @@ void ViewerSession::schedule() {
   if (ended_) return timer_.set(std::nullopt);
   std::optional<Micros> next = Earlier(state_.deadline(), Earlier(gatherBy_, answerBy_));
   if (media_) next = Earlier(next, media_->deadline());
+  if (consent_) next = Earlier(next, consent_->nextRequest());
   if (dtls_) {
     if (const auto left = dtls_->timeLeft()) next = Earlier(next, MonotonicNow() + *left);
   }

@@ -11,6 +11,7 @@
 
 #include "callback_thread.h"
 #include "connection_state.h"
+#include "consent.h"
 #include "dtls_transport.h"
 #include "host_resolver.h"
 #include "ice_agent.h"
@@ -70,6 +71,7 @@ class ViewerSession final : private IceAgent::Observer {
   void onGatheringDone() override;
   void tellCandidates();
   void onDatagram(std::uint8_t* data, std::size_t size) override;
+  bool onStun(ByteView message) override;
 
   void replayVideo(Micros now);
   void findServers();
@@ -78,6 +80,8 @@ class ViewerSession final : private IceAgent::Observer {
   void sendAnswer();
   void useCandidate(const IceCandidate& candidate);
 
+  void startConsent();
+  void askForConsent(Micros now);
   void startDtls();
   void receiveDtls(ByteView datagram);
   void afterDtls();
@@ -113,6 +117,7 @@ class ViewerSession final : private IceAgent::Observer {
   bool holdCandidates_ = false;
   std::vector<IceCandidate> remoteCandidates_;  // given before ICE started
   std::unique_ptr<IceAgent> ice_;
+  std::optional<Consent> consent_;  // once a pair works
 
   std::optional<DtlsTransport> dtls_;
   std::vector<std::vector<std::uint8_t>> earlyDatagrams_;  // came before we could answer them

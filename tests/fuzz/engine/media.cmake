@@ -13,6 +13,6 @@ function(add_media_fuzz_target subject)
   set_tests_properties(engine_fuzz_${subject} PROPERTIES LABELS fuzz TIMEOUT 600)
 endfunction()
 
-foreach(subject h264_packetizer ice_candidate ice_server_url jitter_buffer rtcp rtp_packet sdp)
+foreach(subject h264_packetizer ice_candidate ice_server_url jitter_buffer rtcp rtp_packet sdp stun_message)
   add_media_fuzz_target(${subject})
 endforeach()

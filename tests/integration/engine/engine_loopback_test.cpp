@@ -353,6 +353,56 @@ TEST_F(EngineLoopbackTest, BearsAHangUpRightBehindTheOffer) {
   watch();
 }
 
+TEST_F(EngineLoopbackTest, StaysConnectedWhenAnAnswerAboutConsentIsLost) {
+  const auto viewer = watch();
+  viewer->loseConsentChecks(1);
+  EXPECT_TRUE(viewer->waitForConsentChecks(5));
+  EXPECT_THAT(events_.session(viewer->session()).states,
+              ElementsAre(KOVRA_STATE_NEW, KOVRA_STATE_CONNECTING, KOVRA_STATE_CONNECTED));
+  expectMoreVideo(*viewer);
+}
+
+TEST_F(EngineLoopbackTest, GivesUpAViewerThatFellSilent) {
+  const auto viewer = watch();
+  const auto thaw = viewer->freeze();
+  const auto silentSince = std::chrono::steady_clock::now();
+  EXPECT_TRUE(events_.waitForState(viewer->session(), KOVRA_STATE_FAILED));
+  const auto silence = std::chrono::steady_clock::now() - silentSince;
+  // A few seconds more than the rule for a machine that is busy.
+  EXPECT_LT(silence, std::chrono::seconds(20));
+  EXPECT_THAT(events_.session(viewer->session()).states,
+              ElementsAre(KOVRA_STATE_NEW, KOVRA_STATE_CONNECTING, KOVRA_STATE_CONNECTED, KOVRA_STATE_DISCONNECTED,
+                          KOVRA_STATE_FAILED));
+  thaw();
+}
+
+TEST_F(EngineLoopbackTest, GivesUpAViewerThatTalksButDoesNotConsent) {
+  const auto viewer = watch();
+  viewer->loseConsentChecks(1000);
+  std::atomic<bool> over{false};
+  std::thread talk([&] {
+    for (std::uint16_t sequence = 1; !over; ++sequence) {
+      viewer->sendVoice(sequence, 0x44);
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+  });
+  EXPECT_TRUE(events_.waitForState(viewer->session(), KOVRA_STATE_FAILED));
+  over = true;
+  talk.join();
+  EXPECT_THAT(events_.session(viewer->session()).states,
+              ElementsAre(KOVRA_STATE_NEW, KOVRA_STATE_CONNECTING, KOVRA_STATE_CONNECTED, KOVRA_STATE_FAILED));
+}
+
+TEST_F(EngineLoopbackTest, GoesOnWithAViewerThatThaws) {
+  const auto viewer = watch();
+  const auto thaw = viewer->freeze();
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  thaw();
+  EXPECT_TRUE(viewer->waitForConsentChecks(3));
+  expectMoreVideo(*viewer);
+  EXPECT_EQ(events_.session(viewer->session()).states.back(), KOVRA_STATE_CONNECTED);
+}
+
 TEST_F(EngineLoopbackTest, TellsOnlyTheSessionsOwnStates) {
   const auto viewer = watch();
   EXPECT_THAT(events_.session(viewer->session()).states,

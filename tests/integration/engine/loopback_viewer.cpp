@@ -114,6 +114,28 @@ void LoopbackViewer::onDatagram(std::uint8_t* data, std::size_t size) {
   }
 }
 
+// Requests only: once the pairs are checked, nothing else is asked.
+bool LoopbackViewer::onStun(ByteView message) {
+  if (message.size < 2 || ReadU16(message.data) != 0x0001) return false;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++consentChecks_;
+  changed_.notify_all();
+  if (consentChecksToLose_ == 0) return false;
+  --consentChecksToLose_;
+  return true;
+}
+
+void LoopbackViewer::loseConsentChecks(unsigned count) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  consentChecksToLose_ = count;
+}
+
+bool LoopbackViewer::waitForConsentChecks(unsigned count) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const unsigned before = consentChecks_;
+  return changed_.wait_for(lock, kPatience, [&] { return consentChecks_ >= before + count; });
+}
+
 void LoopbackViewer::receiveMedia(std::uint8_t* data, std::size_t size) {
   const bool isRtcp = IsRtcp({data, size});
   const std::size_t plain = isRtcp ? srtp_->unprotectRtcp(data, size) : srtp_->unprotectRtp(data, size);

@@ -67,6 +67,10 @@ class LoopbackViewer final : private IceAgent::Observer {
   // Without protection, as it is.
   void sendRaw(std::vector<std::uint8_t> datagram);
   void closeDtls();
+  // Answers none of the next so many questions for its consent.
+  void loseConsentChecks(unsigned count);
+  // Waits until so many questions for its consent have come since the call.
+  bool waitForConsentChecks(unsigned count);
   // Reads nothing and answers nothing until the returned function is called.
   std::function<void()> freeze();
 
@@ -75,6 +79,7 @@ class LoopbackViewer final : private IceAgent::Observer {
   void onLocalCandidate(const IceCandidate& candidate) override { candidates_.push_back(candidate); }
   void onGatheringDone() override { gathered_.set_value(); }
   void onDatagram(std::uint8_t* data, std::size_t size) override;
+  bool onStun(ByteView message) override;
 
   void receiveMedia(std::uint8_t* data, std::size_t size);
   void startIce(const ViewerOffer& offer);
@@ -101,6 +106,8 @@ class LoopbackViewer final : private IceAgent::Observer {
   std::vector<Received> rtp_;
   std::vector<RtcpCompound> rtcp_;
   DtlsTransportState dtlsState_ = DtlsTransportState::kNew;
+  unsigned consentChecks_ = 0;
+  unsigned consentChecksToLose_ = 0;
 };
 
 }  // namespace kovra

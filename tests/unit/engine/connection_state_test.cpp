@@ -91,12 +91,12 @@ TEST_F(ConnectionStateTest, ClosesWhenTheViewerCloses) {
 
 TEST_F(ConnectionStateTest, LosesAViewerInTwoSteps) {
   connectAt(10 * kSecond);
-  ASSERT_EQ(state_.deadline(), 18 * kSecond);
-  EXPECT_EQ(state_.onTime(18 * kSecond - Micros(1)), std::nullopt);
-  EXPECT_EQ(state_.onTime(18 * kSecond), KOVRA_STATE_DISCONNECTED);
-  ASSERT_EQ(state_.deadline(), 25 * kSecond);
-  EXPECT_EQ(state_.onTime(25 * kSecond - Micros(1)), std::nullopt);
-  EXPECT_EQ(state_.onTime(25 * kSecond), KOVRA_STATE_FAILED);
+  ASSERT_EQ(state_.deadline(), 22 * kSecond);
+  EXPECT_EQ(state_.onTime(22 * kSecond - Micros(1)), std::nullopt);
+  EXPECT_EQ(state_.onTime(22 * kSecond), KOVRA_STATE_DISCONNECTED);
+  ASSERT_EQ(state_.deadline(), Micros(24'500'000));
+  EXPECT_EQ(state_.onTime(Micros(24'500'000 - 1)), std::nullopt);
+  EXPECT_EQ(state_.onTime(Micros(24'500'000)), KOVRA_STATE_FAILED);
 }
 
 TEST_F(ConnectionStateTest, FailsAtOnceWhenTimeLeapt) {
@@ -106,17 +106,48 @@ TEST_F(ConnectionStateTest, FailsAtOnceWhenTimeLeapt) {
 
 TEST_F(ConnectionStateTest, PutsOffTheLossWithEachSignOfLife) {
   connectAt(Micros(0));
-  EXPECT_EQ(state_.onAlive(7 * kSecond), std::nullopt);
-  EXPECT_EQ(state_.deadline(), 15 * kSecond);
-  EXPECT_EQ(state_.onTime(8 * kSecond), std::nullopt);
+  EXPECT_EQ(state_.onAlive(11 * kSecond), std::nullopt);
+  EXPECT_EQ(state_.deadline(), 23 * kSecond);
+  EXPECT_EQ(state_.onTime(12 * kSecond), std::nullopt);
 }
 
 TEST_F(ConnectionStateTest, ConnectsAgainWithASignOfLife) {
   connectAt(Micros(0));
-  state_.onTime(8 * kSecond);
-  EXPECT_EQ(state_.onAlive(9 * kSecond), KOVRA_STATE_CONNECTED);
+  state_.onTime(12 * kSecond);
+  EXPECT_EQ(state_.onAlive(13 * kSecond), KOVRA_STATE_CONNECTED);
   EXPECT_EQ(state_.onTime(15 * kSecond), std::nullopt);
-  EXPECT_EQ(state_.onTime(17 * kSecond), KOVRA_STATE_DISCONNECTED);
+  EXPECT_EQ(state_.onTime(25 * kSecond), KOVRA_STATE_DISCONNECTED);
+}
+
+TEST_F(ConnectionStateTest, FailsWithoutConsentInSpiteOfSignsOfLife) {
+  connectAt(Micros(0));
+  for (int i = 1; i < 30; ++i) {
+    state_.onAlive(i * kSecond);
+    EXPECT_EQ(state_.onTime(i * kSecond), std::nullopt);
+  }
+  EXPECT_EQ(state_.deadline(), 30 * kSecond);
+  EXPECT_EQ(state_.onTime(30 * kSecond - Micros(1)), std::nullopt);
+  EXPECT_EQ(state_.onTime(30 * kSecond), KOVRA_STATE_FAILED);
+}
+
+TEST_F(ConnectionStateTest, GoesOnWithConsentThatIsRenewed) {
+  connectAt(Micros(0));
+  for (int i = 1; i < 100; ++i) {
+    if (i % 25 == 0) state_.onConsent(i * kSecond);
+    state_.onAlive(i * kSecond);
+    EXPECT_EQ(state_.onTime(i * kSecond), std::nullopt);
+  }
+}
+
+TEST_F(ConnectionStateTest, TakesConsentAloneForNoSignOfLife) {
+  connectAt(Micros(0));
+  state_.onConsent(11 * kSecond);
+  EXPECT_EQ(state_.onTime(12 * kSecond), KOVRA_STATE_DISCONNECTED);
+}
+
+TEST_F(ConnectionStateTest, FailsAtOnceWhenConsentIsRevoked) {
+  connectAt(Micros(0));
+  EXPECT_EQ(state_.onConsentRevoked(), KOVRA_STATE_FAILED);
 }
 
 TEST_F(ConnectionStateTest, SaysNothingAfterTheEnd) {
@@ -127,6 +158,7 @@ TEST_F(ConnectionStateTest, SaysNothingAfterTheEnd) {
   EXPECT_EQ(state_.onDtls(DtlsTransportState::kConnected, kSecond), std::nullopt);
   EXPECT_EQ(state_.onIce(IceTransportState::kFailed, kSecond), std::nullopt);
   EXPECT_EQ(state_.onAlive(kSecond), std::nullopt);
+  EXPECT_EQ(state_.onConsentRevoked(), std::nullopt);
   EXPECT_EQ(state_.onOffer(kSecond), std::nullopt);
   EXPECT_EQ(state_.onTime(100 * kSecond), std::nullopt);
   EXPECT_EQ(state_.deadline(), std::nullopt);

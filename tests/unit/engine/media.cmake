@@ -7,6 +7,7 @@ add_executable(
   engine_media_test
   annexb_test.cpp
   connection_state_test.cpp
+  consent_test.cpp
   h264_packetizer_test.cpp
   ice_candidate_test.cpp
   ice_server_url_test.cpp
@@ -23,8 +24,9 @@ add_executable(
   sdp_answer_test.cpp
   sdp_negotiation_test.cpp
   sdp_offer_test.cpp
+  stun_message_test.cpp
   text_test.cpp)
 target_link_libraries(
   engine_media_test PRIVATE signalconn_engine_media signalconn_h264_depacketizer signalconn_warnings
-                            PkgConfig::cjson Threads::Threads GTest::gmock GTest::gtest_main)
+                            PkgConfig::cjson PkgConfig::openssl Threads::Threads GTest::gmock GTest::gtest_main)
 gtest_discover_tests(engine_media_test PROPERTIES LABELS unit TIMEOUT 120)
