@@ -65,8 +65,9 @@ void WritePlayoutDelay(const PlayoutDelay& wanted, std::uint8_t* packet) {
   std::uint8_t* extension = packet + kRtpHeaderBytes;
   WriteU16(kOneByteForm, extension);
   WriteU16(1, extension + 2);  // words that follow
-  WriteU32((wanted.id << 28U) | ((kElementBytes - 1U) << 24U) | (std::min(steps, kLargest) << 12U) | kLargest,
-           extension + 4);
+  WriteU32(
+      (std::uint32_t{wanted.id} << 28U) | ((kElementBytes - 1U) << 24U) | (std::min(steps, kLargest) << 12U) | kLargest,
+      extension + 4);
 }
 
 std::uint64_t SequenceExtender::extend(std::uint16_t sequence) {
