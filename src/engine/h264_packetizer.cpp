@@ -43,7 +43,9 @@ FrameRef H264Packetizer::packetize(ByteView accessUnit, std::uint32_t timestamp)
   FrameRef frame = pool_->take(roomFor(accessUnit.size));
   MediaFrame& edited = frame.edit();
   edited.setTimestamp(advanceTo(timestamp));
-  edited.setKeyFrame(contents.idr && (parameterSets_.complete() || (contents.sps && contents.pps)));
+  const bool hasSps = contents.sps || !parameterSets_.sps().empty();
+  const bool hasPps = contents.pps || !parameterSets_.pps().empty();
+  edited.setKeyFrame(contents.idr && hasSps && hasPps);
   // An SPS goes to the very front: decoders read a PPS only when they know its SPS.
   if (contents.idr && !contents.sps) addAll(edited, parameterSets_.sps());
   bool needsPps = contents.idr && !contents.pps;

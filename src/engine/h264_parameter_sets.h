@@ -23,7 +23,6 @@ class H264ParameterSets {
   // Each set one NAL unit, ordered by id. Valid until the next remember.
   const std::vector<std::vector<std::uint8_t>>& sps() const { return sps_.nals; }
   const std::vector<std::vector<std::uint8_t>>& pps() const { return pps_.nals; }
-  bool complete() const { return !sps_.nals.empty() && !pps_.nals.empty(); }
 
  private:
   struct SetsById {

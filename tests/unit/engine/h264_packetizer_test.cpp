@@ -172,6 +172,8 @@ TEST_F(H264PacketizerTest, CallsAPictureWithItsOwnParameterSetsAKeyFrameWhatever
                   .packetize(ByteView(AccessUnit({LongNal(0x67, H264ParameterSets::kMaxSetBytes + 1), kPps, kIdr})), 0)
                   ->isKeyFrame());
   EXPECT_FALSE(packetize({kIdr})->isKeyFrame()) << "these are not kept for others";
+  packetize({kSps});
+  EXPECT_TRUE(packetize({largeId, kIdr})->isKeyFrame());
 }
 
 TEST_F(H264PacketizerTest, PutsTheLastParameterSetsBeforeAnIdrPictureWithoutThem) {
