@@ -136,7 +136,19 @@ bool LoopbackViewer::waitForConsentChecks(unsigned count) {
   return changed_.wait_for(lock, kPatience, [&] { return consentChecks_ >= before + count; });
 }
 
+// SRTP leaves the header readable.
+bool LoopbackViewer::isLost(ByteView datagram) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto packet = losing_ ? ReadRtpPacket(datagram) : std::nullopt;
+  if (!packet || packet->header.payloadType != losing_) return false;
+  losing_.reset();
+  lost_ = packet->header;
+  changed_.notify_all();
+  return true;
+}
+
 void LoopbackViewer::receiveMedia(std::uint8_t* data, std::size_t size) {
+  if (isLost({data, size})) return;
   const bool isRtcp = IsRtcp({data, size});
   const std::size_t plain = isRtcp ? srtp_->unprotectRtcp(data, size) : srtp_->unprotectRtp(data, size);
   if (plain == 0) return;
@@ -164,6 +176,18 @@ std::vector<LoopbackViewer::Received> LoopbackViewer::packets(std::uint8_t paylo
   return found;
 }
 
+std::optional<LoopbackViewer::Received> LoopbackViewer::waitForPacket(std::uint8_t payloadType,
+                                                                      std::uint16_t sequence) {
+  const auto find = [&] {
+    return std::find_if(rtp_.begin(), rtp_.end(), [&](const Received& packet) {
+      return packet.header.payloadType == payloadType && packet.header.sequence == sequence;
+    });
+  };
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!changed_.wait_for(lock, kPatience, [&] { return find() != rtp_.end(); })) return std::nullopt;
+  return *find();
+}
+
 bool LoopbackViewer::waitForRtcp(const std::function<bool(const RtcpCompound&)>& predicate) {
   std::unique_lock<std::mutex> lock(mutex_);
   return changed_.wait_for(lock, kPatience, [&] { return std::any_of(rtcp_.begin(), rtcp_.end(), predicate); });
@@ -172,6 +196,14 @@ bool LoopbackViewer::waitForRtcp(const std::function<bool(const RtcpCompound&)>&
 bool LoopbackViewer::waitForDtls(DtlsTransportState state) {
   std::unique_lock<std::mutex> lock(mutex_);
   return changed_.wait_for(lock, kPatience, [&] { return dtlsState_ == state; });
+}
+
+RtpHeader LoopbackViewer::losePacket(std::uint8_t payloadType) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  lost_.reset();
+  losing_ = payloadType;
+  changed_.wait_for(lock, kPatience, [&] { return lost_.has_value(); });
+  return lost_.value();
 }
 
 void LoopbackViewer::sendRtcp(std::vector<std::uint8_t> compound) {

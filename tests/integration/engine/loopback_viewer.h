@@ -57,8 +57,11 @@ class LoopbackViewer final : private IceAgent::Observer {
 
   // Wait until that much has come; then everything that came, in the order of arrival.
   std::vector<Received> packets(std::uint8_t payloadType, std::size_t count);
+  std::optional<Received> waitForPacket(std::uint8_t payloadType, std::uint16_t sequence);
   bool waitForRtcp(const std::function<bool(const RtcpCompound&)>& predicate);
   bool waitForDtls(DtlsTransportState state);
+  // Loses the next packet of that payload type, as if it had never come; its header.
+  RtpHeader losePacket(std::uint8_t payloadType);
 
   void sendRtcp(std::vector<std::uint8_t> compound);
   void sendVoice(std::uint16_t sequence, std::uint8_t sample, std::uint32_t ssrc = kVoiceSsrc);
@@ -81,6 +84,7 @@ class LoopbackViewer final : private IceAgent::Observer {
   void onDatagram(std::uint8_t* data, std::size_t size) override;
   bool onStun(ByteView message) override;
 
+  bool isLost(ByteView datagram);
   void receiveMedia(std::uint8_t* data, std::size_t size);
   void startIce(const ViewerOffer& offer);
   std::string offerText(const ViewerOffer& offer) const;
@@ -108,6 +112,8 @@ class LoopbackViewer final : private IceAgent::Observer {
   DtlsTransportState dtlsState_ = DtlsTransportState::kNew;
   unsigned consentChecks_ = 0;
   unsigned consentChecksToLose_ = 0;
+  std::optional<std::uint8_t> losing_;  // payload type
+  std::optional<RtpHeader> lost_;
 };
 
 }  // namespace kovra
