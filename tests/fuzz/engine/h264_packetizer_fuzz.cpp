@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <vector>
 
 #include "annexb.h"
@@ -23,6 +24,13 @@ std::vector<Nal> SentNals(ByteView accessUnit) {
   return nals;
 }
 
+bool HasType(const std::vector<Nal>& nals, int first, int last) {
+  return std::any_of(nals.begin(), nals.end(), [&](const Nal& nal) {
+    const int type = nal[0] & 0x1F;
+    return type >= first && type <= last;
+  });
+}
+
 // Whether whole, without some parameter sets, is part.
 bool IsWholeWithoutParameterSets(const std::vector<Nal>& whole, const std::vector<Nal>& part) {
   std::size_t matched = 0;
@@ -40,6 +48,7 @@ bool IsWholeWithoutParameterSets(const std::vector<Nal>& whole, const std::vecto
 void Packetize(H264Packetizer& packetizer, ByteView accessUnit, std::size_t maxPayload) {
   const FrameRef frame = packetizer.packetize(accessUnit, 1);
   const std::vector<Nal> expected = SentNals(accessUnit);
+  Expect(static_cast<bool>(frame) == HasType(expected, 1, 5), "a frame is what has a picture");
   if (!frame) return;
   for (std::size_t i = 0; i < frame->packetCount(); ++i) {
     Expect(frame->payload(i).size <= maxPayload, "each payload fits");
@@ -47,6 +56,8 @@ void Packetize(H264Packetizer& packetizer, ByteView accessUnit, std::size_t maxP
   const auto joined = Depacketize(*frame);
   Expect(joined.has_value(), "the packets can be joined");
   Expect(IsWholeWithoutParameterSets(*joined, expected), "to what was written, with parameter sets added at most");
+  const bool complete = HasType(*joined, 7, 7) && HasType(*joined, 8, 8) && HasType(*joined, 5, 5);
+  Expect(frame->isKeyFrame() == complete, "a key frame is an IDR picture with its parameter sets");
 }
 
 }  // namespace
