@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <system_error>
 #include <utility>
 
 namespace kovra {
@@ -13,11 +14,17 @@ constexpr std::size_t kMaxWaitingAudio = 64;
 
 }  // namespace
 
-void CallbackThread::Start(const std::shared_ptr<CallbackThread>& self) {
-  self->thread_ = std::thread([self] {
-    pthread_setname_np(pthread_self(), "kovra-callbacks");
-    self->run();
-  });
+bool CallbackThread::Start(const std::shared_ptr<CallbackThread>& self) {
+  self->stopping_.store(false);
+  try {
+    self->thread_ = std::thread([self] {
+      pthread_setname_np(pthread_self(), "kovra-callbacks");
+      self->run();
+    });
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
 }
 
 void CallbackThread::stop() {

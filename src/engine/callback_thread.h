@@ -24,8 +24,9 @@ class CallbackThread {
   CallbackThread(const CallbackThread&) = delete;
   CallbackThread& operator=(const CallbackThread&) = delete;
 
-  // Keeps itself alive in the thread.
-  static void Start(const std::shared_ptr<CallbackThread>& self);
+  // Keeps itself alive in the thread. False when the system has no thread left. May be called again then, and after
+  // stop.
+  static bool Start(const std::shared_ptr<CallbackThread>& self);
   // Nothing is delivered any more. Waits for the callback under way, unless called from inside it.
   void stop();
 

@@ -46,10 +46,10 @@ bool Engine::start() {
   services_.emplace(
       SessionServices{*identity, ice_, hosts_, *callbacks_, table_, video_, batch_,
                       [this](KOVRA_SESSION_ID id) { network_.post([this, id] { sessions_.erase(id); }); }});
-  CallbackThread::Start(callbacks_);
-  network_.start();
-  started_ = true;
-  return true;
+  if (!CallbackThread::Start(callbacks_)) return false;
+  started_ = network_.start();
+  if (!started_) callbacks_->stop();
+  return started_;
 }
 
 void Engine::stop() {

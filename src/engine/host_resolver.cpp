@@ -7,6 +7,7 @@
 
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -107,8 +108,14 @@ void HostResolver::ask(const std::string& host) {
   const std::lock_guard<std::mutex> lock(queue_->mutex);
   queue_->hosts.push_back(host);
   if (queue_->threadRuns) return;
-  queue_->threadRuns = true;
-  std::thread([queue = queue_] { Queue::Serve(queue); }).detach();
+  try {
+    std::thread([queue = queue_] { Queue::Serve(queue); }).detach();
+    queue_->threadRuns = true;
+  } catch (const std::system_error&) {
+    // Out of threads: as if the name did not exist.
+    queue_->hosts.clear();
+    queue_->network->post([this, host] { onResolved(host, {}); });
+  }
 }
 
 void HostResolver::onResolved(const std::string& host, Addresses addresses) {

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <system_error>
 #include <utility>
 
 namespace kovra {
@@ -57,11 +58,16 @@ NetworkThread::~NetworkThread() {
   g_main_context_unref(context_);
 }
 
-void NetworkThread::start() {
-  thread_ = std::thread([this] {
-    pthread_setname_np(pthread_self(), "kovra-network");
-    run();
-  });
+bool NetworkThread::start() {
+  try {
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "kovra-network");
+      run();
+    });
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
 }
 
 void NetworkThread::stop(Task last) {

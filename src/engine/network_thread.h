@@ -26,7 +26,8 @@ class NetworkThread {
   NetworkThread(const NetworkThread&) = delete;
   NetworkThread& operator=(const NetworkThread&) = delete;
 
-  void start();
+  // Once, but again after a failure: false when the system has no thread left.
+  bool start();
   // Drops the tasks that wait, runs last, ends the thread and waits for it. Not from the thread itself.
   void stop(Task last);
 

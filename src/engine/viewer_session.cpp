@@ -1,12 +1,12 @@
 #include "viewer_session.h"
 
 #include <openssl/rand.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <utility>
 
 #include "clock.h"
@@ -60,11 +60,10 @@ MediaIdentity RandomIdentity() {
 bool HasSpareDescriptors() {
   constexpr rlim_t kSpare = 64;
   rlimit limit{};
-  const int lowestFree = dup(STDERR_FILENO);
-  if (lowestFree < 0 && errno == EMFILE) return false;
-  if (lowestFree >= 0) close(lowestFree);
-  return getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
-         static_cast<rlim_t>(std::max(lowestFree, 0)) + kSpare < limit.rlim_cur;
+  const int lowestFree = eventfd(0, EFD_CLOEXEC);
+  if (lowestFree < 0) return false;
+  close(lowestFree);
+  return getrlimit(RLIMIT_NOFILE, &limit) != 0 || static_cast<rlim_t>(lowestFree) + kSpare < limit.rlim_cur;
 }
 
 bool IsLoopback(const std::string& ip) { return ip == "::1" || ip.compare(0, 4, "127.") == 0; }
@@ -139,6 +138,7 @@ void ViewerSession::findServers() {
 
 void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& server,
                               const HostResolver::Addresses& addresses) {
+  if (ended_) return;
   --(url.isRelay() ? unresolvedRelays_ : unresolvedStunServers_);
   if (addresses.empty()) {
     Log(LogLevel::kWarning, "engine: session %d: no address for %s", shared_->id, server.url.c_str());
@@ -147,12 +147,14 @@ void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& ser
     if (url.isRelay()) {
       const IceRelay relay{{ip, url.port}, url.transport, server.username, server.credential};
       iceSettings_.relays.push_back(relay);
-      if (ice_) ice_->addRelay(relay);
+      if (ice_ && ice_->addRelay(relay)) isGathered_ = false;
     } else if (!iceSettings_.stunServer) {
       iceSettings_.stunServer = IceServerAddress{ip, url.port};
     }
   }
   if (gatherBy_ && (iceSettings_.stunServer || unresolvedStunServers_ == 0)) startIce();
+  // Nothing more is gathered when the last look-up gave no relay.
+  if (url.isRelay()) answerIfGathered();
 }
 
 void ViewerSession::startIce() {
@@ -248,7 +250,12 @@ void ViewerSession::tellCandidates() {
 }
 
 void ViewerSession::onGatheringDone() {
-  if (!ended_ && !answered_ && unresolvedRelays_ == 0) sendAnswer();
+  isGathered_ = true;
+  answerIfGathered();
+}
+
+void ViewerSession::answerIfGathered() {
+  if (!ended_ && !answered_ && isGathered_ && unresolvedRelays_ == 0) sendAnswer();
 }
 
 void ViewerSession::onIceState(IceTransportState state) {
@@ -441,6 +448,8 @@ void ViewerSession::end(KOVRA_STATE state, const char* reason) {
   if (ended_) return;
   ended_ = true;
   shared_->wantsKeyFrame.store(false, std::memory_order_relaxed);
+  gatherBy_.reset();
+  answerBy_.reset();
   timer_.set(std::nullopt);
   logEnd(reason);
   // From here on the id names nothing, so that whoever is told finds it so. When the owner closed the session, it is

@@ -77,6 +77,7 @@ class ViewerSession final : private IceAgent::Observer {
   void findServers();
   void useServer(const IceServerUrl& url, const KovraIceServer& server, const HostResolver::Addresses& addresses);
   void startIce();
+  void answerIfGathered();
   void sendAnswer();
   void useCandidate(const IceCandidate& candidate);
 
@@ -112,6 +113,7 @@ class ViewerSession final : private IceAgent::Observer {
   unsigned unresolvedRelays_ = 0;
   std::optional<Micros> gatherBy_;  // start without the servers that are not known by then
   std::optional<Micros> answerBy_;  // without trickle: answer with the candidates found by then
+  bool isGathered_ = false;
   bool answered_ = false;
   std::vector<IceCandidate> localCandidates_;  // found, but not yet told to the viewer
   bool holdCandidates_ = false;

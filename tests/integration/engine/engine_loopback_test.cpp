@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/rand.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <memory>
@@ -471,6 +472,21 @@ TEST_F(EngineLoopbackTest, TakesOneOfferForASession) {
   ASSERT_TRUE(second.call());
   EXPECT_NE(streamer_->setRemoteOffer(viewer->session(), "v=0\r\n"), 0);
   expectMoreVideo(*viewer);
+}
+
+TEST_F(EngineLoopbackTest, OpensNoSessionWhileTheSystemHasNoThread) {
+  KovraStreamer streamer;
+  pthread_attr_t usual;
+  pthread_attr_t huge;
+  pthread_getattr_default_np(&usual);
+  pthread_getattr_default_np(&huge);
+  // More stack than there are addresses: threads cannot be made.
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  EXPECT_EQ(streamer.createSession({}), 0);
+  EXPECT_EQ(streamer.createSession({}), 0);
+  pthread_setattr_default_np(&usual);
+  EXPECT_NE(streamer.createSession({}), 0);
 }
 
 TEST_F(EngineLoopbackTest, OpensABoundedNumberOfSessions) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <functional>
@@ -102,6 +103,20 @@ TEST_F(HostResolverTest, AsksForABoundedNumberOfNames) {
     refused.set_value(*answers);
   });
   EXPECT_EQ(refused.get_future().get(), asked - HostResolver::kMaxNames);
+}
+
+TEST_F(HostResolverTest, FindsNothingWhileTheSystemHasNoThread) {
+  pthread_attr_t usual;
+  pthread_attr_t huge;
+  pthread_getattr_default_np(&usual);
+  pthread_getattr_default_np(&huge);
+  // More stack than there are addresses: threads cannot be made.
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  EXPECT_THAT(resolve("turn.example"), IsEmpty());
+  pthread_setattr_default_np(&usual);
+  EXPECT_EQ(service_->lookups, 0);
+  EXPECT_THAT(resolve("turn.example"), ElementsAre("192.0.2.7", "2001:db8::7"));
 }
 
 TEST_F(HostResolverTest, CallsNobodyOnceItIsGone) {

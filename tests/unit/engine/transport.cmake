@@ -12,6 +12,7 @@ add_executable(
   udp_inlet_test.cpp
   udp_path_test.cpp
   video_input_test.cpp
+  viewer_session_test.cpp
   viewer_media_test.cpp)
 target_include_directories(engine_transport_test PRIVATE ${PROJECT_SOURCE_DIR}/src/engine)
 target_link_libraries(
