@@ -102,6 +102,10 @@ bool IsBoundTo(GSocket* socket, const NiceAddress& base) {
   return nice_address_equal(&address, &base) != FALSE;
 }
 
+struct FreeArray {
+  void operator()(GPtrArray* array) const { g_ptr_array_unref(array); }
+};
+
 struct FreeCandidate {
   void operator()(NiceCandidate* candidate) const { nice_candidate_free(candidate); }
 };
@@ -127,16 +131,16 @@ IceAgent::IceAgent(IceContext& ice, NiceAgent* agent, unsigned stream, const Ice
       agent_(agent),
       stream_(stream),
       relayOnly_(settings.relayOnly),
-      observer_(observer) {}
+      observer_(observer),
+      stunServers_(settings.stunServers),
+      discovery_(
+          ice.context, [this](std::size_t host, const MappedAddress& mapped) { onMappedAddress(hosts_[host], mapped); },
+          [this] { tellWhenGathered(); }) {}
 
 bool IceAgent::configure(const IceSettings& settings) {
   g_object_set(agent_, "controlling-mode", static_cast<gboolean>(settings.controlling), "force-relay",
                static_cast<gboolean>(settings.relayOnly), "stun-pacing-timer", kPacingMillis, "stun-initial-timeout",
                kCheckTimeoutMillis, "stun-max-retransmissions", kCheckRetransmissions, nullptr);
-  if (settings.stunServer) {
-    g_object_set(agent_, "stun-server", settings.stunServer->ip.c_str(), "stun-server-port",
-                 static_cast<guint>(settings.stunServer->port), nullptr);
-  }
   for (const std::string& text : settings.localAddresses) {
     NiceAddress address;
     nice_address_init(&address);
@@ -157,7 +161,8 @@ bool IceAgent::configure(const IceSettings& settings) {
                    }),
                    this);
   g_signal_connect(agent_, "candidate-gathering-done", G_CALLBACK(+[](NiceAgent*, guint, gpointer self) {
-                     static_cast<IceAgent*>(self)->observer_.onGatheringDone();
+                     static_cast<IceAgent*>(self)->isGathering_ = false;
+                     static_cast<IceAgent*>(self)->tellWhenGathered();
                    }),
                    this);
   g_signal_connect(agent_, "new-selected-pair-full",
@@ -198,7 +203,63 @@ IceAgent::~IceAgent() {
   g_source_unref(timer);
 }
 
-bool IceAgent::gather() { return nice_agent_gather_candidates(agent_, stream_) != FALSE; }
+bool IceAgent::gather() {
+  isStarting_ = isGathering_ = true;
+  const bool gathers = nice_agent_gather_candidates(agent_, stream_) != FALSE;
+  for (const IceServerAddress& server : stunServers_) addStunServer(server);
+  isStarting_ = false;
+  if (gathers) tellWhenGathered();
+  return gathers;
+}
+
+void IceAgent::tellWhenGathered() {
+  if (!isStarting_ && !isGathering_ && discovery_.isDone()) observer_.onGatheringDone();
+}
+
+bool IceAgent::addStunServer(const IceServerAddress& server) {
+  NiceAddress address;
+  nice_address_init(&address);
+  if (relayOnly_ || !nice_address_set_from_string(&address, server.ip.c_str())) return false;
+  nice_address_set_port(&address, server.port);
+  sockaddr_storage to{};
+  nice_address_copy_to_sockaddr(&address, reinterpret_cast<sockaddr*>(&to));
+  const std::unique_ptr<GPtrArray, FreeArray> sockets(nice_agent_get_sockets(agent_, stream_, kComponent));
+  if (!sockets) return false;
+  for (std::size_t host = 0; host < hosts_.size(); ++host) {
+    NiceAddress base;
+    nice_address_init(&base);
+    if (!nice_address_set_from_string(&base, hosts_[host].address.c_str())) continue;
+    if (nice_address_ip_version(&base) != nice_address_ip_version(&address)) continue;
+    nice_address_set_port(&base, hosts_[host].port);
+    for (guint i = 0; i < sockets->len; ++i) {
+      auto* socket = static_cast<GSocket*>(g_ptr_array_index(sockets.get(), i));
+      if (g_socket_get_socket_type(socket) != G_SOCKET_TYPE_DATAGRAM || !IsBoundTo(socket, base)) continue;
+      discovery_.ask(socket, host, to);
+      break;
+    }
+  }
+  return !discovery_.isDone();
+}
+
+// libnice need not know: checks to that address arrive at its base, and from there ours go out.
+void IceAgent::onMappedAddress(const IceCandidate& host, const MappedAddress& mapped) {
+  constexpr std::uint32_t kTypePreference = 100;  // RFC 8445, 5.1.2.2
+  constexpr std::uint32_t kBelowType = 0xFFFFFF;
+  const bool isHost = std::any_of(hosts_.begin(), hosts_.end(), [&](const IceCandidate& one) {
+    return one.address == mapped.ip && one.port == mapped.port;
+  });
+  if (isHost || std::find(mapped_.begin(), mapped_.end(), mapped) != mapped_.end()) return;
+  mapped_.push_back(mapped);
+  IceCandidate found;
+  found.foundation = "s" + host.foundation;
+  found.priority = kTypePreference << 24 | (host.priority & kBelowType);
+  found.address = mapped.ip;
+  found.port = mapped.port;
+  found.type = IceCandidateType::kServerReflexive;
+  found.relatedAddress = host.address;
+  found.relatedPort = host.port;
+  observer_.onLocalCandidate(found);
+}
 
 bool IceAgent::addRelay(const IceRelay& relay) {
   return nice_agent_set_relay_info(
@@ -309,6 +370,7 @@ void IceAgent::onNewCandidate(const NiceCandidate& candidate) {
     found.relatedPort =
         hidden ? std::uint16_t{0} : static_cast<std::uint16_t>(nice_address_get_port(&candidate.base_addr));
   }
+  if (found.type == IceCandidateType::kHost) hosts_.push_back(found);
   observer_.onLocalCandidate(found);
 }
 

@@ -14,6 +14,7 @@
 #include "connection_state.h"
 #include "ice_candidate.h"
 #include "packet_batch.h"
+#include "stun_discovery.h"
 #include "udp_inlet.h"
 #include "udp_path.h"
 
@@ -38,7 +39,7 @@ struct IceSettings {
   std::string localUfrag;
   std::string localPassword;
   std::vector<std::string> localAddresses;  // IP literals to gather on
-  std::optional<IceServerAddress> stunServer;
+  std::vector<IceServerAddress> stunServers;
   std::vector<IceRelay> relays;
   std::shared_ptr<void> heldUntilClosed;  // let go of when the agent's sockets are closed, too
 };
@@ -57,6 +58,7 @@ class IceAgent {
    public:
     virtual void onIceState(IceTransportState state) = 0;
     virtual void onLocalCandidate(const IceCandidate& candidate) = 0;
+    // Nothing is under way any more; again after each server that was added later.
     virtual void onGatheringDone() = 0;
     // A datagram of the viewer's that is not STUN; its bytes may be changed during the call.
     virtual void onDatagram(std::uint8_t* data, std::size_t size) = 0;
@@ -81,8 +83,10 @@ class IceAgent {
   IceAgent(const IceAgent&) = delete;
   IceAgent& operator=(const IceAgent&) = delete;
 
-  // False when not even one address could be used.
+  // False when not even one address could be used. By its return the host candidates are known.
   bool gather();
+  // Asks one more STUN server after gather. False when there is nothing to ask it for.
+  bool addStunServer(const IceServerAddress& server);
   // One more relay, also while gathering; at most 8.
   bool addRelay(const IceRelay& relay);
 
@@ -116,6 +120,8 @@ class IceAgent {
   bool configure(const IceSettings& settings);
   void onComponentState(NiceComponentState state);
   void onNewCandidate(const NiceCandidate& candidate);
+  void onMappedAddress(const IceCandidate& host, const MappedAddress& mapped);
+  void tellWhenGathered();
   void onSelectedPair(const NiceCandidate& local, const NiceCandidate& remote);
   void useDirectPath(const NiceCandidate& local, const NiceCandidate& remote);
   bool take(std::uint8_t* data, std::size_t size);
@@ -131,12 +137,18 @@ class IceAgent {
   const unsigned stream_;
   const bool relayOnly_;
   bool hasAllocations_ = false;
+  bool isStarting_ = false;   // inside gather
+  bool isGathering_ = false;  // libnice is; what else is asked, discovery_ knows
   Observer& observer_;
   IceTransportState state_ = IceTransportState::kNew;
   unsigned remoteCandidates_ = 0;
   std::unique_ptr<GSocket, Unref> socket_;  // of path_; libnice may close it
   std::optional<UdpPath> path_;             // while the selected pair is plain UDP
   std::optional<UdpInlet> inlet_;           // together with path_
+  const std::vector<IceServerAddress> stunServers_;
+  std::vector<IceCandidate> hosts_;
+  std::vector<MappedAddress> mapped_;  // told to the observer
+  StunDiscovery discovery_;
 };
 
 }  // namespace kovra

@@ -1,5 +1,6 @@
 #include "stun_message.h"
 
+#include <arpa/inet.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -22,9 +23,11 @@ constexpr std::uint16_t kBindingRequest = 0x0001;
 constexpr std::uint16_t kBindingSuccess = 0x0101;
 constexpr std::uint16_t kBindingError = 0x0111;
 
+constexpr std::uint16_t kMappedAddress = 0x0001;
 constexpr std::uint16_t kUsername = 0x0006;
 constexpr std::uint16_t kMessageIntegrity = 0x0008;
 constexpr std::uint16_t kErrorCode = 0x0009;
+constexpr std::uint16_t kXorMappedAddress = 0x0020;
 constexpr std::uint16_t kPriority = 0x0024;
 constexpr std::uint16_t kFingerprint = 0x8028;
 constexpr std::uint16_t kIceControlled = 0x8029;
@@ -70,14 +73,41 @@ bool HasFingerprint(ByteView message) {
          ReadU32(message.data + begin + kAttributeHeaderBytes) == (Crc32({message.data, begin}) ^ kFingerprintMask);
 }
 
+std::vector<std::uint8_t> RequestHeader(const StunTransactionId& transaction) {
+  std::vector<std::uint8_t> header(kHeaderBytes, 0);
+  WriteU16(kBindingRequest, header.data());
+  WriteU32(kMagicCookie, &header[4]);
+  std::copy(transaction.begin(), transaction.end(), &header[8]);
+  return header;
+}
+
+// value: family, port and address (RFC 8489, 14.1). mask: what they are combined with, cookie and transaction, or null.
+std::optional<MappedAddress> ReadAddress(ByteView value, const std::uint8_t* mask) {
+  constexpr std::size_t kAddressOffset = 4;
+  if (value.size < kAddressOffset) return std::nullopt;
+  const bool is4 = value[1] == 1 && value.size == kAddressOffset + sizeof(in_addr);
+  const bool is6 = value[1] == 2 && value.size == kAddressOffset + sizeof(in6_addr);
+  if (!is4 && !is6) return std::nullopt;
+  std::array<std::uint8_t, sizeof(in6_addr)> address{};
+  for (std::size_t i = kAddressOffset; i < value.size; ++i) {
+    address[i - kAddressOffset] = static_cast<std::uint8_t>(value[i] ^ (mask ? mask[i - kAddressOffset] : 0));
+  }
+  MappedAddress mapped;
+  mapped.port = static_cast<std::uint16_t>(ReadU16(value.data + 2) ^ (mask ? ReadU16(mask) : 0));
+  char text[INET6_ADDRSTRLEN];
+  mapped.ip = inet_ntop(is4 ? AF_INET : AF_INET6, address.data(), text, sizeof(text));
+  return mapped;
+}
+
 }  // namespace
+
+void WriteStunRequest(const StunTransactionId& transaction, std::vector<std::uint8_t>& out) {
+  out = RequestHeader(transaction);
+}
 
 void WriteStunCheck(const StunCheck& check, const StunTransactionId& transaction, const std::string& password,
                     std::vector<std::uint8_t>& out) {
-  out.assign(kHeaderBytes, 0);
-  WriteU16(kBindingRequest, out.data());
-  WriteU32(kMagicCookie, &out[4]);
-  std::copy(transaction.begin(), transaction.end(), &out[8]);
+  out = RequestHeader(transaction);
   WriteU32(check.priority, Append(out, kPriority, 4));
   std::uint8_t* tieBreaker = Append(out, check.controlling ? kIceControlling : kIceControlled, 8);
   WriteU32(static_cast<std::uint32_t>(check.tieBreaker >> 32), tieBreaker);
@@ -124,6 +154,22 @@ std::optional<StunResponse> ReadStunResponse(ByteView datagram, const std::strin
     begin += kAttributeHeaderBytes + (size + 3) / 4 * 4;
   }
   return std::nullopt;
+}
+
+std::optional<MappedAddress> ReadMappedAddress(ByteView datagram) {
+  if (!StunResponseTransaction(datagram) || ReadU16(datagram.data) != kBindingSuccess) return std::nullopt;
+  if (ReadU16(datagram.data + 2) != datagram.size - kHeaderBytes || datagram.size % 4 != 0) return std::nullopt;
+  std::optional<MappedAddress> plain;
+  for (std::size_t begin = kHeaderBytes; begin + kAttributeHeaderBytes <= datagram.size;) {
+    const std::uint16_t type = ReadU16(datagram.data + begin);
+    const std::size_t size = ReadU16(datagram.data + begin + 2);
+    const ByteView value = datagram.from(begin + kAttributeHeaderBytes, size);
+    if (value.size != size) return std::nullopt;
+    if (type == kXorMappedAddress) return ReadAddress(value, datagram.data + 4);
+    if (type == kMappedAddress) plain = ReadAddress(value, nullptr);
+    begin += kAttributeHeaderBytes + (size + 3) / 4 * 4;
+  }
+  return plain;
 }
 
 }  // namespace kovra

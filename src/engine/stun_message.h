@@ -1,5 +1,5 @@
-// STUN messages (RFC 8489) as far as the engine writes and reads them itself: ICE's connectivity checks (RFC 8445, 7.1)
-// and the answers to them.
+// STUN messages (RFC 8489) as far as the engine writes and reads them itself: ICE's connectivity checks (RFC
+// 8445, 7.1), questions to STUN servers, and the answers to both.
 #ifndef SIGNALCONN_ENGINE_STUN_MESSAGE_H
 #define SIGNALCONN_ENGINE_STUN_MESSAGE_H
 
@@ -36,6 +36,19 @@ struct StunResponse {
 
 // nullopt unless the datagram is a well-formed Binding response with the right MESSAGE-INTEGRITY and FINGERPRINT.
 std::optional<StunResponse> ReadStunResponse(ByteView datagram, const std::string& password);
+
+// Replaces out by the Binding request that asks a STUN server how it sees us.
+void WriteStunRequest(const StunTransactionId& transaction, std::vector<std::uint8_t>& out);
+
+struct MappedAddress {
+  std::string ip;
+  std::uint16_t port = 0;
+
+  bool operator==(const MappedAddress& other) const { return ip == other.ip && port == other.port; }
+};
+
+// What a STUN server said; from older ones (RFC 3489) too. nullopt: nothing of the kind.
+std::optional<MappedAddress> ReadMappedAddress(ByteView datagram);
 
 }  // namespace kovra
 

@@ -18,9 +18,6 @@ namespace kovra {
 
 namespace {
 
-// Gathering can be started only once, and with only one STUN server: its name gets this much time. Relays whose names
-// take longer are added when they are known.
-constexpr Micros kStunNameTime{500'000};
 // Without trickle a server that does not answer is not to hold up the answer for longer.
 constexpr Micros kGatheringTime{2'000'000};
 constexpr std::size_t kMaxEarlyCandidates = 64;
@@ -110,15 +107,11 @@ void ViewerSession::acceptOffer(const SdpOffer& offer, const SdpNegotiation& neg
   }
   report(state_.onOffer(now), "");
   findServers();
-  if (unresolvedStunServers_ > 0 && !iceSettings_.stunServer) {
-    gatherBy_ = now + kStunNameTime;
-  } else {
-    startIce();
-  }
+  startIce();
   schedule();
 }
 
-// Every server whose address is known at once is in iceSettings_ when this returns; the others follow.
+// The servers whose addresses are known at once are used from the start; the others follow.
 void ViewerSession::findServers() {
   const KovraSessionConfig& config = shared_->config;
   iceSettings_.relayOnly = config.relayOnly;
@@ -129,7 +122,7 @@ void ViewerSession::findServers() {
           url ? "TLS to servers is not supported" : "no such kind of URL");
       continue;
     }
-    ++(url->isRelay() ? unresolvedRelays_ : unresolvedStunServers_);
+    ++unresolvedServers_;
     services_.hosts.resolve(url->host, [self = self_, url = *url, server](const HostResolver::Addresses& addresses) {
       if (*self != nullptr) (*self)->useServer(url, server, addresses);
     });
@@ -139,7 +132,7 @@ void ViewerSession::findServers() {
 void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& server,
                               const HostResolver::Addresses& addresses) {
   if (ended_) return;
-  --(url.isRelay() ? unresolvedRelays_ : unresolvedStunServers_);
+  --unresolvedServers_;
   if (addresses.empty()) {
     Log(LogLevel::kWarning, "engine: session %d: no address for %s", shared_->id, server.url.c_str());
   }
@@ -148,17 +141,16 @@ void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& ser
       const IceRelay relay{{ip, url.port}, url.transport, server.username, server.credential};
       iceSettings_.relays.push_back(relay);
       if (ice_ && ice_->addRelay(relay)) isGathered_ = false;
-    } else if (!iceSettings_.stunServer) {
-      iceSettings_.stunServer = IceServerAddress{ip, url.port};
+    } else {
+      iceSettings_.stunServers.push_back({ip, url.port});
+      if (ice_ && ice_->addStunServer({ip, url.port})) isGathered_ = false;
     }
   }
-  if (gatherBy_ && (iceSettings_.stunServer || unresolvedStunServers_ == 0)) startIce();
-  // Nothing more is gathered when the last look-up gave no relay.
-  if (url.isRelay()) answerIfGathered();
+  // Nothing more is gathered when the last look-up gave nothing to ask.
+  answerIfGathered();
 }
 
 void ViewerSession::startIce() {
-  gatherBy_.reset();
   if (!HasSpareDescriptors()) return end(KOVRA_STATE_FAILED, "the process has too few file descriptors");
   iceSettings_.heldUntilClosed = shared_;
   iceSettings_.controlling = negotiation_.iceLite;
@@ -166,7 +158,8 @@ void ViewerSession::startIce() {
   iceSettings_.localPassword = localPassword_;
   const auto& relays = iceSettings_.relays;
   const bool withLoopback =
-      (iceSettings_.stunServer && IsLoopback(iceSettings_.stunServer->ip)) ||
+      std::any_of(iceSettings_.stunServers.begin(), iceSettings_.stunServers.end(),
+                  [](const IceServerAddress& server) { return IsLoopback(server.ip); }) ||
       std::any_of(relays.begin(), relays.end(), [](const IceRelay& relay) { return IsLoopback(relay.address.ip); });
   iceSettings_.localAddresses = LocalAddresses(withLoopback);
 
@@ -255,7 +248,7 @@ void ViewerSession::onGatheringDone() {
 }
 
 void ViewerSession::answerIfGathered() {
-  if (!ended_ && !answered_ && isGathered_ && unresolvedRelays_ == 0) sendAnswer();
+  if (!ended_ && !answered_ && isGathered_ && unresolvedServers_ == 0) sendAnswer();
 }
 
 void ViewerSession::onIceState(IceTransportState state) {
@@ -405,7 +398,6 @@ void ViewerSession::close(const char* reason) {
 
 void ViewerSession::onTimer() {
   const Micros now = MonotonicNow();
-  if (gatherBy_ && now >= *gatherBy_) startIce();
   if (answerBy_ && now >= *answerBy_) sendAnswer();
   if (ended_) return;
   if (dtls_ && dtls_->timeLeft() == Micros{0}) {
@@ -424,7 +416,7 @@ void ViewerSession::onTimer() {
 
 void ViewerSession::schedule() {
   if (ended_) return timer_.set(std::nullopt);
-  std::optional<Micros> next = Earlier(state_.deadline(), Earlier(gatherBy_, answerBy_));
+  std::optional<Micros> next = Earlier(state_.deadline(), answerBy_);
   if (media_) next = Earlier(next, media_->deadline());
   if (consent_) next = Earlier(next, consent_->nextRequest());
   if (dtls_) {
@@ -448,7 +440,6 @@ void ViewerSession::end(KOVRA_STATE state, const char* reason) {
   if (ended_) return;
   ended_ = true;
   shared_->wantsKeyFrame.store(false, std::memory_order_relaxed);
-  gatherBy_.reset();
   answerBy_.reset();
   timer_.set(std::nullopt);
   logEnd(reason);

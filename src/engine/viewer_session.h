@@ -109,9 +109,7 @@ class ViewerSession final : private IceAgent::Observer {
   MediaIdentity mediaIdentity_;
 
   IceSettings iceSettings_;
-  unsigned unresolvedStunServers_ = 0;
-  unsigned unresolvedRelays_ = 0;
-  std::optional<Micros> gatherBy_;  // start without the servers that are not known by then
+  unsigned unresolvedServers_ = 0;
   std::optional<Micros> answerBy_;  // without trickle: answer with the candidates found by then
   bool isGathered_ = false;
   bool answered_ = false;

@@ -14,6 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Expect(!ReadStunResponse(input, "another"), "the password decides");
     Expect(!ReadStunResponse(input.from(0, size - 1), kPassword), "nothing may miss");
   }
+  if (const auto mapped = ReadMappedAddress(input)) {
+    Expect(StunResponseTransaction(input).has_value(), "an address belongs to a transaction");
+    Expect(!mapped->ip.empty(), "an address is not empty");
+  }
   std::vector<std::uint8_t> written;
   StunCheck check;
   check.username.assign(reinterpret_cast<const char*>(data), size < 500 ? size : 500);

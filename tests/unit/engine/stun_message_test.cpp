@@ -126,5 +126,62 @@ TEST(ReadStunResponse, TakesNoRequestForAResponse) {
   EXPECT_FALSE(IsAccepted(kRequest));
 }
 
+TEST(WriteStunRequest, AsksWithNothingButATransaction) {
+  Bytes written(500, 0xEE);
+  WriteStunRequest(kTransaction, written);
+  Bytes expected = {0x00, 0x01, 0x00, 0x00, 0x21, 0x12, 0xa4, 0x42};
+  expected.insert(expected.end(), kTransaction.begin(), kTransaction.end());
+  EXPECT_EQ(written, expected);
+}
+
+// A success with one attribute.
+Bytes Success(std::uint8_t type, const Bytes& value) {
+  const auto size = static_cast<std::uint8_t>(value.size());
+  Bytes message = {0x01, 0x01, 0x00, static_cast<std::uint8_t>(size + 4), 0x21, 0x12, 0xa4, 0x42};
+  message.insert(message.end(), kTransaction.begin(), kTransaction.end());
+  message.insert(message.end(), {0x00, type, 0x00, size});
+  message.insert(message.end(), value.begin(), value.end());
+  return message;
+}
+
+std::optional<MappedAddress> Mapped(const Bytes& message) { return ReadMappedAddress(ByteView(message)); }
+
+TEST(ReadMappedAddress, ReadsTheStandardsSample) { EXPECT_EQ(Mapped(kResponse), (MappedAddress{"192.0.2.1", 32853})); }
+
+TEST(ReadMappedAddress, ReadsTheStandardsSampleOfIpv6) {
+  // Of RFC 5769, 2.3.
+  const Bytes value = {0x00, 0x02, 0xa1, 0x47, 0x01, 0x13, 0xa9, 0xfa, 0xa5, 0xd3,
+                       0xf1, 0x79, 0xbc, 0x25, 0xf4, 0xb5, 0xbe, 0xd2, 0xb9, 0xd9};
+  EXPECT_EQ(Mapped(Success(0x20, value)), (MappedAddress{"2001:db8:1234:5678:11:2233:4455:6677", 32853}));
+}
+
+TEST(ReadMappedAddress, ReadsWhatOlderServersSay) {
+  const Bytes value = {0, 1, 0x12, 0x34, 192, 0, 2, 7};
+  EXPECT_EQ(Mapped(Success(0x01, value)), (MappedAddress{"192.0.2.7", 0x1234}));
+}
+
+TEST(ReadMappedAddress, TakesAnErrorForNoAddress) {
+  Bytes error = Success(0x01, {0, 1, 0x12, 0x34, 192, 0, 2, 7});
+  error[1] = 0x11;
+  EXPECT_FALSE(Mapped(error));
+}
+
+TEST(ReadMappedAddress, RefusesAddressesOfWrongSizesAndFamilies) {
+  EXPECT_FALSE(Mapped(Success(0x20, {})));
+  EXPECT_FALSE(Mapped(Success(0x20, {0, 1, 0x12, 0x34})));
+  EXPECT_FALSE(Mapped(Success(0x20, {0, 2, 0x12, 0x34, 192, 0, 2, 7})));
+  EXPECT_FALSE(Mapped(Success(0x20, {0, 3, 0x12, 0x34, 192, 0, 2, 7})));
+  EXPECT_FALSE(Mapped(Success(0x01, Bytes(20, 1))));
+}
+
+TEST(ReadMappedAddress, RefusesWhatIsCutOffOrTooLong) {
+  for (std::size_t size = 0; size < kResponse.size(); ++size) {
+    EXPECT_FALSE(Mapped(Bytes(kResponse.begin(), kResponse.begin() + static_cast<std::ptrdiff_t>(size)))) << size;
+  }
+  Bytes longer = kResponse;
+  longer.resize(longer.size() + 4);
+  EXPECT_FALSE(Mapped(longer));
+}
+
 }  // namespace
 }  // namespace kovra

@@ -146,17 +146,17 @@ TEST_F(ViewerSessionTest, GivesNoAnswerAfterItFailed) {
   KovraSessionConfig config;
   config.trickleIce = false;
   config.iceServers = {{"stun:slow.example:3478", "", ""}};
-  begin(config);
   rlimit usual{};
   getrlimit(RLIMIT_NOFILE, &usual);
   const rlimit few{20, usual.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few);
-  // Both the time for the server's name and the time for the answer pass.
-  run([] { std::this_thread::sleep_for(std::chrono::milliseconds(2300)); });
+  begin(config);
   while (answers_.all().empty()) std::this_thread::yield();
-  EXPECT_EQ(answersSoFar(), std::vector<std::string>{"failed"});
   setrlimit(RLIMIT_NOFILE, &usual);
   failLookup();
+  // The time for the answer passes, too.
+  run([] { std::this_thread::sleep_for(std::chrono::milliseconds(2300)); });
+  EXPECT_EQ(answersSoFar(), std::vector<std::string>{"failed"});
 }
 
 }  // namespace
