@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "clock.h"
 #include "log.h"
 
 namespace kovra {
@@ -68,20 +69,32 @@ void DtlsTransport::receive(ByteView datagram) {
   if (state_ == DtlsTransportState::kFailed || state_ == DtlsTransportState::kClosed || datagram.empty()) return;
   if (state_ == DtlsTransportState::kNew) state_ = DtlsTransportState::kConnecting;
   inbound_ = datagram;
+  flightIsOver_ = true;
   proceed();
   inbound_ = {};
+  if (state_ != DtlsTransportState::kConnecting) flight_ = {};
 }
 
 std::optional<Micros> DtlsTransport::timeLeft() const {
   timeval left{};
   if (state_ != DtlsTransportState::kConnecting || DTLSv1_get_timeout(ssl_.get(), &left) != 1) return std::nullopt;
-  return Micros(left.tv_sec * 1'000'000 + left.tv_usec);
+  const Micros latest = std::max(repeatBy_ - MonotonicNow(), Micros{0});
+  return std::min(Micros(left.tv_sec * 1'000'000 + left.tv_usec), latest);
 }
 
 void DtlsTransport::onTimeout() {
   if (state_ != DtlsTransportState::kConnecting) return;
   ERR_clear_error();
-  if (DTLSv1_handle_timeout(ssl_.get()) < 0) fail("no reply");
+  flightIsOver_ = true;
+  const long handled = DTLSv1_handle_timeout(ssl_.get());
+  if (handled < 0) return fail("no reply");
+  if (handled == 0 && MonotonicNow() >= repeatBy_) repeatFlight();
+}
+
+// What the other side has already is dropped there as repeated; what it lacks was lost on the way.
+void DtlsTransport::repeatFlight() {
+  for (const auto& datagram : flight_) send_(ByteView(datagram));
+  repeatBy_ = MonotonicNow() + Micros(kLongestTimeoutMicros);
 }
 
 void DtlsTransport::close() {
@@ -186,8 +199,14 @@ BIO_METHOD* DtlsTransport::DatagramMethod() {
 }
 
 int DtlsTransport::WriteDatagram(BIO* bio, const char* data, int size) {
-  const auto* transport = static_cast<const DtlsTransport*>(BIO_get_data(bio));
-  transport->send_({reinterpret_cast<const std::uint8_t*>(data), static_cast<std::size_t>(size)});
+  auto* transport = static_cast<DtlsTransport*>(BIO_get_data(bio));
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(data);
+  if (transport->state_ == DtlsTransportState::kConnecting) {
+    if (std::exchange(transport->flightIsOver_, false)) transport->flight_.clear();
+    transport->flight_.emplace_back(bytes, bytes + size);
+    transport->repeatBy_ = MonotonicNow() + Micros(kLongestTimeoutMicros);
+  }
+  transport->send_({bytes, static_cast<std::size_t>(size)});
   return size;
 }
 

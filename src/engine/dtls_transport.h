@@ -36,7 +36,8 @@ class DtlsTransport {
   void start();
   // One datagram of the viewer's.
   void receive(ByteView datagram);
-  // When the last flight is to be sent again, counted from now; nullopt: nothing is under way.
+  // When the last flight is to be sent again, counted from now; nullopt: nothing is under way. Never far ahead, even
+  // when the wall clock is set back.
   std::optional<Micros> timeLeft() const;
   void onTimeout();
   // Tells the viewer that the association ends.
@@ -53,6 +54,7 @@ class DtlsTransport {
     void operator()(SSL* ssl) const { SSL_free(ssl); }
   };
 
+  void repeatFlight();
   void proceed();
   void readAlerts();
   bool isExpectedCertificate() const;
@@ -70,6 +72,10 @@ class DtlsTransport {
   ByteView inbound_;  // the datagram being received, until it is read
   std::unique_ptr<SSL, FreeSsl> ssl_;
   DtlsTransportState state_ = DtlsTransportState::kNew;
+  // OpenSSL's timer follows the wall clock: when that was set back, the last flight is repeated from here.
+  std::vector<std::vector<std::uint8_t>> flight_;
+  bool flightIsOver_ = false;  // the next datagram begins another
+  Micros repeatBy_{0};
 };
 
 }  // namespace kovra
