@@ -30,8 +30,8 @@ function preferPcmu(transceiver) {
 //   onCandidate(json)       a local candidate, once the camera has answered: to a server that has not let
 //                           the call through yet, candidates would be messages outside a call
 //   onState(state, reason)  "connecting": answered; "live": pictures arrive; "interrupted": they stopped;
-//                           "ended", the last one, with a reason: "unanswered", "unconnected", "lost", or
-//                           an Error
+//                           "ended", the last one, with a reason: "unanswered", "unconnected", "lost",
+//                           "closed" by the camera, or an Error
 //   onNumbers(numbers)      every second once connected: { width, height, framesPerSecond, bitsPerSecond,
 //                           roundTripMs }; what is not known is undefined
 export class Call {
@@ -83,6 +83,9 @@ export class Call {
     if (this.#state === "ended") return;
     this.#answerApplied = true;
     this.#idleTicks = 0;
+    // The connection's own state does not tell: it goes on as connected until ICE finds nobody there.
+    const { transport } = this.#connection.getReceivers()[0];
+    transport.onstatechange = () => transport.state === "closed" && this.#end("closed");
     this.#setState("connecting");
     this.#localCandidates.splice(0).forEach(this.#handlers.onCandidate);
     this.#remoteCandidates.splice(0).forEach((candidate) => this.#addCandidate(candidate));

@@ -41,6 +41,7 @@ export function ended(serialCode, reason, online) {
     const why = online ? "The connection to the camera broke." : `${serialCode} went offline.`;
     return ["Picture lost", why];
   }
+  if (reason === "closed") return hungUp(serialCode);
   return ["The call failed", reason.message];
 }
 

@@ -76,6 +76,19 @@ test("a camera that dies is told, and can be called again once it is back", asyn
   await viewer.receives("a picture", ({ framesDecoded }) => framesDecoded > 0);
 });
 
+test("a camera that is stopped ends the call at once", async () => {
+  await viewer.call("SN0001");
+  await viewer.receives("a picture", ({ framesDecoded }) => framesDecoded > 0);
+  await camera.interrupt();
+  await viewer.reads("Call ended");
+  await viewer.reads("SN0001 ended the call.");
+  await viewer.camera("SN0001").waitFor({ state: "detached" });
+  camera = Camera.start(door.port, "SN0001");
+  await viewer.camera("SN0001").waitFor();
+  await viewer.button("Call again").click();
+  await viewer.untilLive("SN0001");
+});
+
 test("calling a camera that is offline says so", async () => {
   await viewer.call("SN0001");
   await viewer.button("Hang up").click();

@@ -35,6 +35,12 @@ class Program {
     });
   }
 
+  // As Ctrl-C does.
+  async interrupt() {
+    this.#process.kill("SIGINT");
+    await this.#ended;
+  }
+
   // As a power cut does.
   async kill() {
     this.#process.kill("SIGKILL");
