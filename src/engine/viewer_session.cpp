@@ -21,6 +21,8 @@ namespace {
 // Without trickle a server that does not answer is not to hold up the answer for longer.
 constexpr Micros kGatheringTime{2'000'000};
 constexpr std::size_t kMaxEarlyCandidates = 64;
+// Each is asked from every socket. As many relays as libnice takes.
+constexpr std::size_t kMaxStunServers = 8;
 // Of a check that finds a peer-reflexive candidate (RFC 8445, 7.1.1), with the other preferences at their highest.
 constexpr std::uint32_t kCheckPriority = 110u << 24 | 65535u << 8 | 255u;
 constexpr std::size_t kMaxEarlyDatagrams = 8;
@@ -141,7 +143,7 @@ void ViewerSession::useServer(const IceServerUrl& url, const KovraIceServer& ser
       const IceRelay relay{{ip, url.port}, url.transport, server.username, server.credential};
       iceSettings_.relays.push_back(relay);
       if (ice_ && ice_->addRelay(relay)) isGathered_ = false;
-    } else {
+    } else if (iceSettings_.stunServers.size() < kMaxStunServers) {
       iceSettings_.stunServers.push_back({ip, url.port});
       if (ice_ && ice_->addStunServer({ip, url.port})) isGathered_ = false;
     }
