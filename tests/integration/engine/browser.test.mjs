@@ -1,12 +1,20 @@
-// What only a browser does: telling the engine that its peer connection is closed, and decoding.
+// What only a browser does: telling the engine that its peer connection is closed, decoding, relays over TCP.
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { launchChromium, PageViewer } from './support/page.mjs';
 import { State, withProbe } from './support/probe.mjs';
+import { TurnServer } from './support/turn_server.mjs';
 
 let browser;
-before(async () => (browser = await launchChromium()));
-after(() => browser.close());
+let turn;
+before(async () => {
+  browser = await launchChromium();
+  turn = await TurnServer.start();
+});
+after(async () => {
+  await browser.close();
+  await turn.stop();
+});
 
 test('Chromium decodes the video', () => withProbe(async (probe) => {
   await probe.startVideo({ onDemand: false });
@@ -47,3 +55,19 @@ test('when the engine closes a session, Chromium sees DTLS closed within a secon
   assert.equal(state, 'closed');
   await viewer.close();
 }));
+
+for (const [viewerWay, cameraWay] of [['udp', null], ['tcp', null], ['udp', 'udp'], ['tcp', 'tcp']]) {
+  const camera = cameraWay ? `a camera that has only one over ${cameraWay}` : 'a camera on any path';
+  test(`Chromium that has only a relay, over ${viewerWay}, watches ${camera}`, () => withProbe(async (probe) => {
+    await probe.startVideo({ onDemand: false });
+    const session = cameraWay
+      ? { relayOnly: true, iceServers: [turn.iceServer(cameraWay)] }
+      : { iceServers: [turn.stunServer()] };
+    const viewer = await PageViewer.open(browser, probe, { session, peer: turn.relayOnlyPeer(viewerWay) });
+    await viewer.shows(20);
+    const { local, remote } = await viewer.selectedPair();
+    assert.equal(local, 'relay');
+    if (cameraWay) assert.equal(remote, 'relay');
+    await viewer.close();
+  }));
+}

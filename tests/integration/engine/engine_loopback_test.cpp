@@ -454,7 +454,7 @@ TEST_F(EngineLoopbackTest, SwitchesBetweenLiveStreamsWithoutAForeignFrame) {
       viewer->sendRtcp(std::move(report));
     }
     // Every third time there is another switch at once.
-    if (i % 3 != 0) viewer->packets(kViewerH264, viewer->packets(kViewerH264, 0).size() + 20);
+    if (i % 3 != 0) viewer->waitForMore(kViewerH264, 20);
   }
   const auto packets = viewer->packets(kViewerH264, 0);
   int switches = 0;

@@ -156,6 +156,7 @@ void LoopbackViewer::receiveMedia(std::uint8_t* data, std::size_t size) {
   if (isRtcp) {
     ReadRtcp({data, plain}, rtcp_.emplace_back());
   } else if (const auto packet = ReadRtpPacket({data, plain})) {
+    ++received_.at(packet->header.payloadType);
     rtp_.push_back({packet->header, {packet->payload.data, packet->payload.data + packet->payload.size}});
   }
   changed_.notify_all();
@@ -166,14 +167,18 @@ bool LoopbackViewer::waitUntilConnected() {
 }
 
 std::vector<LoopbackViewer::Received> LoopbackViewer::packets(std::uint8_t payloadType, std::size_t count) {
-  const auto wanted = [&](const Received& packet) { return packet.header.payloadType == payloadType; };
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, kPatience, [&] {
-    return std::count_if(rtp_.begin(), rtp_.end(), wanted) >= static_cast<std::ptrdiff_t>(count);
-  });
+  changed_.wait_for(lock, kPatience, [&] { return received_.at(payloadType) >= count; });
   std::vector<Received> found;
-  std::copy_if(rtp_.begin(), rtp_.end(), std::back_inserter(found), wanted);
+  std::copy_if(rtp_.begin(), rtp_.end(), std::back_inserter(found),
+               [&](const Received& packet) { return packet.header.payloadType == payloadType; });
   return found;
+}
+
+void LoopbackViewer::waitForMore(std::uint8_t payloadType, std::size_t count) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const std::size_t until = received_.at(payloadType) + count;
+  changed_.wait_for(lock, kPatience, [&] { return received_.at(payloadType) >= until; });
 }
 
 std::optional<LoopbackViewer::Received> LoopbackViewer::waitForPacket(std::uint8_t payloadType,

@@ -2,6 +2,7 @@
 #ifndef SIGNALCONN_TESTS_LOOPBACK_VIEWER_H
 #define SIGNALCONN_TESTS_LOOPBACK_VIEWER_H
 
+#include <array>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -57,6 +58,8 @@ class LoopbackViewer final : private IceAgent::Observer {
 
   // Wait until that much has come; then everything that came, in the order of arrival.
   std::vector<Received> packets(std::uint8_t payloadType, std::size_t count);
+  // Waits for more packets than have come.
+  void waitForMore(std::uint8_t payloadType, std::size_t count);
   std::optional<Received> waitForPacket(std::uint8_t payloadType, std::uint16_t sequence);
   bool waitForRtcp(const std::function<bool(const RtcpCompound&)>& predicate);
   bool waitForDtls(DtlsTransportState state);
@@ -108,6 +111,7 @@ class LoopbackViewer final : private IceAgent::Observer {
   std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;
   std::vector<Received> rtp_;
+  std::array<std::size_t, 128> received_{};  // how many of each payload type
   std::vector<RtcpCompound> rtcp_;
   DtlsTransportState dtlsState_ = DtlsTransportState::kNew;
   unsigned consentChecks_ = 0;

@@ -38,11 +38,13 @@ test('video timestamps follow the time of arrival at 90 kHz', () => withProbe(as
   const viewer = new Viewer(probe);
   await viewer.connect();
   const units = await viewer.video.collect(60, (packet) => packet.marker, 'access units');
-  const [first, last] = [units[0], units[59]];
-  const media = difference(first.timestamp, last.timestamp, 32) / 90;
-  // 59 frames at 20 a second. A loaded machine delays single packets, not the mean.
-  assert.ok(Math.abs(media - (last.arrived - first.arrived)) < 1000, `${media} ms of media`);
-  assert.ok(media > 2000 && media < 6000, `${media} ms of media`);
+  const delays = units.map(({ timestamp, arrived }) => arrived - difference(units[0].timestamp, timestamp, 32) / 90);
+  // A loaded machine delays single packets, the first of all, but not all of them.
+  const least = (some) => Math.min(...some);
+  const drift = least(delays.slice(30)) - least(delays.slice(0, 30));
+  assert.ok(Math.abs(drift) < 1000, `${drift} ms between the stream's clock and ours`);
+  const media = difference(units[0].timestamp, units[59].timestamp, 32) / 90;
+  assert.ok(media > 2000, `${media} ms of media`);
 }));
 
 test('PCMU comes as RTP with timestamps that count samples', () => withProbe(async (probe) => {
