@@ -1,6 +1,9 @@
 import assert from 'node:assert/strict';
+import { networkInterfaces } from 'node:os';
 import { after, test } from 'node:test';
+import { setTimeout as pause } from 'node:timers/promises';
 import { State, withProbe } from './support/probe.mjs';
+import { StunServer } from './support/stun_server.mjs';
 import { endViewers, kH264, kPcmu, Viewer } from './support/viewer.mjs';
 
 after(endViewers);
@@ -93,6 +96,26 @@ test('an offer without H.264 is answered for its PCMU alone', () => withProbe(as
   const [video, audio] = mediaSections(sdp);
   assert.ok(/^m=video 0 /.test(video) || /^a=inactive\r?$/m.test(video), 'the video section is turned down');
   assert.match(audio, /^a=sendrecv\r?$/m);
+}));
+
+test('of all the candidates that a viewer names, before and after its offer, 64 are checked', () => withProbe(async (probe) => {
+  const kMost = 64;
+  // libnice does not check loopback addresses from other ones.
+  const { address } = Object.values(networkInterfaces()).flat().find(({ family, internal }) => family === 'IPv4' && !internal);
+  const targets = await Promise.all(Array.from({ length: kMost + 16 }, () => StunServer.start(null, address)));
+  const viewer = new Viewer(probe);
+  const session = await probe.createSession();
+  const name = ({ port }) => probe.do('candidate', { session, candidate: `candidate:${port} 1 UDP 2113937151 ${address} ${port} typ host` });
+  for (const target of targets.slice(0, kMost / 2)) await name(target);
+  assert.equal(await probe.do('offer', { session, sdp: await viewer.makeOffer() }), 0);
+  for (const target of targets.slice(kMost / 2)) await name(target);
+
+  const checked = () => targets.filter(({ requests }) => requests > 0).length;
+  for (let i = 0; i < 300 && checked() < kMost; ++i) await pause(100);
+  await pause(2000); // for what should not come: the checks are 20 ms apart
+  assert.equal(checked(), kMost);
+  await probe.do('close', { session });
+  for (const target of targets) target.stop();
 }));
 
 test('what cannot be read is refused with one line and harms nobody else', () => withProbe(async (probe) => {

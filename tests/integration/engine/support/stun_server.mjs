@@ -24,7 +24,7 @@ export class StunServer {
   requests = 0;
 
   // mapped: the address that it tells everybody, { address, port }; null: it does not answer.
-  static async start(mapped) {
+  static async start(mapped, address = '127.0.0.1') {
     const server = new StunServer();
     server.socket = dgram.createSocket('udp4');
     server.socket.on('message', (message, from) => {
@@ -32,13 +32,17 @@ export class StunServer {
       ++server.requests;
       if (mapped) server.socket.send(answer(message, mapped), from.port, from.address);
     });
-    server.socket.bind(0, '127.0.0.1');
+    server.socket.bind(0, address);
     await once(server.socket, 'listening');
     return server;
   }
 
+  get port() {
+    return this.socket.address().port;
+  }
+
   get url() {
-    return `stun:127.0.0.1:${this.socket.address().port}`;
+    return `stun:127.0.0.1:${this.port}`;
   }
 
   stop() {
