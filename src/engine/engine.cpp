@@ -181,16 +181,19 @@ void Engine::withSession(KOVRA_SESSION_ID id, const std::function<void(ViewerSes
 }
 
 void Engine::distributeFrames() {
-  const bool lost = frames_.take(distributed_);
-  if (lost) {
-    for (auto& [id, session] : sessions_) session->loseVideo();
-  }
+  frames_.take(distributed_);
   for (const QueuedFrame& queued : distributed_) {
     for (auto& [id, session] : sessions_) {
-      if (queued.medium == QueuedFrame::Medium::kVideo) {
-        session->sendVideo(queued.media, queued.type);
-      } else {
-        session->sendAudio(queued.media.frame, queued.type, queued.media.arrived);
+      switch (queued.medium) {
+        case QueuedFrame::Medium::kVideo:
+          session->sendVideo(queued.media, queued.type);
+          break;
+        case QueuedFrame::Medium::kAudio:
+          session->sendAudio(queued.media.frame, queued.type, queued.media.arrived);
+          break;
+        case QueuedFrame::Medium::kLoss:
+          session->loseVideo();
+          break;
       }
     }
   }

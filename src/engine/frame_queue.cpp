@@ -14,10 +14,10 @@ bool FrameQueue::push(QueuedFrame frame) {
   return true;
 }
 
-bool FrameQueue::take(std::vector<QueuedFrame>& out) {
+void FrameQueue::take(std::vector<QueuedFrame>& out) {
   const std::lock_guard<std::mutex> lock(mutex_);
   frames_.swap(out);
-  return std::exchange(lost_, false);
+  if (std::exchange(lost_, false)) out.push_back({{}, QueuedFrame::Medium::kLoss, 0});
 }
 
 }  // namespace kovra

@@ -11,9 +11,9 @@
 namespace kovra {
 
 struct QueuedFrame {
-  enum class Medium { kVideo, kAudio };
+  enum class Medium { kVideo, kAudio, kLoss };  // kLoss: no frame, but the place where some of any stream were lost
 
-  RecentFrame media;  // without a frame: one of this stream was lost before it came here
+  RecentFrame media;  // video without a frame: one of this stream was lost before it came here
   Medium medium = Medium::kVideo;
   int type = 0;  // video or audio type
 };
@@ -23,11 +23,11 @@ class FrameQueue {
  public:
   static constexpr std::size_t kMaxFrames = 256;
 
-  // False when the queue was full: the frame is lost, and take tells so.
+  // False when the queue was full: the frame is lost, and take tells where.
   bool push(QueuedFrame frame);
 
-  // Moves all frames to the empty out. Returns whether frames were lost since the call before.
-  bool take(std::vector<QueuedFrame>& out);
+  // Moves all frames to the empty out. What was lost since the call before came after all of them.
+  void take(std::vector<QueuedFrame>& out);
 
  private:
   std::mutex mutex_;  // guards what follows

@@ -15,7 +15,7 @@ TEST(FrameQueue, KeepsTheOrder) {
   FrameQueue queue;
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(queue.push(Frame(i)));
   std::vector<QueuedFrame> taken;
-  EXPECT_FALSE(queue.take(taken));
+  queue.take(taken);
   ASSERT_EQ(taken.size(), 3u);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(taken[static_cast<std::size_t>(i)].type, i);
 }
@@ -30,16 +30,21 @@ TEST(FrameQueue, GivesEveryFrameOnce) {
   EXPECT_TRUE(taken.empty());
 }
 
-TEST(FrameQueue, DropsWhatIsTooMuchAndTellsSoOnce) {
+TEST(FrameQueue, DropsWhatIsTooMuchAndTellsSoOnceBehindWhatCameBefore) {
   FrameQueue queue;
   for (std::size_t i = 0; i < FrameQueue::kMaxFrames; ++i) ASSERT_TRUE(queue.push(Frame(0)));
   EXPECT_FALSE(queue.push(Frame(0)));
+  EXPECT_FALSE(queue.push(Frame(0)));
   std::vector<QueuedFrame> taken;
-  EXPECT_TRUE(queue.take(taken));
-  EXPECT_EQ(taken.size(), FrameQueue::kMaxFrames);
+  queue.take(taken);
+  ASSERT_EQ(taken.size(), FrameQueue::kMaxFrames + 1);
+  for (std::size_t i = 0; i < FrameQueue::kMaxFrames; ++i) EXPECT_NE(taken[i].medium, QueuedFrame::Medium::kLoss);
+  EXPECT_EQ(taken.back().medium, QueuedFrame::Medium::kLoss);
   taken.clear();
-  EXPECT_FALSE(queue.take(taken));
   EXPECT_TRUE(queue.push(Frame(0)));
+  queue.take(taken);
+  ASSERT_EQ(taken.size(), 1u);
+  EXPECT_NE(taken.front().medium, QueuedFrame::Medium::kLoss);
 }
 
 }  // namespace
