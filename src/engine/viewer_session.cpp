@@ -26,6 +26,8 @@ constexpr std::size_t kMaxStunServers = 8;
 // Of a check that finds a peer-reflexive candidate (RFC 8445, 7.1.1), with the other preferences at their highest.
 constexpr std::uint32_t kCheckPriority = 110u << 24 | 65535u << 8 | 255u;
 constexpr std::size_t kMaxEarlyDatagrams = 8;
+// Each switch sends all that is kept of a stream: who changes to and fro is not to fill the camera's uplink.
+constexpr Micros kSwitchInterval{500'000};
 
 // Of the alphabet of ICE (RFC 8445, 5.3), 6 random bits a character.
 std::string RandomText(std::size_t characters) {
@@ -367,10 +369,16 @@ void ViewerSession::loseVideo() {
 
 void ViewerSession::switchVideo() {
   const int chosen = shared_->videoType.load();
+  switchAt_.reset();
   if (videoType_ == chosen) return;  // there and back again
+  const Micros now = MonotonicNow();
+  if (media_ && now < nextSwitch_) {
+    switchAt_ = nextSwitch_;
+    return schedule();
+  }
   videoType_ = chosen;
   if (ended_ || !media_) return;
-  const Micros now = MonotonicNow();
+  nextSwitch_ = now + kSwitchInterval;
   media_->restartVideo(now);
   replayVideo(now);
   publishWish();
@@ -401,6 +409,7 @@ void ViewerSession::close(const char* reason) {
 void ViewerSession::onTimer() {
   const Micros now = MonotonicNow();
   if (answerBy_ && now >= *answerBy_) sendAnswer();
+  if (switchAt_ && now >= *switchAt_) switchVideo();
   if (ended_) return;
   if (dtls_ && dtls_->timeLeft() == Micros{0}) {
     dtls_->onTimeout();
@@ -418,7 +427,7 @@ void ViewerSession::onTimer() {
 
 void ViewerSession::schedule() {
   if (ended_) return timer_.set(std::nullopt);
-  std::optional<Micros> next = Earlier(state_.deadline(), answerBy_);
+  std::optional<Micros> next = Earlier(Earlier(state_.deadline(), answerBy_), switchAt_);
   if (media_) next = Earlier(next, media_->deadline());
   if (consent_) next = Earlier(next, consent_->nextRequest());
   if (dtls_) {

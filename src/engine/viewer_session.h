@@ -57,7 +57,7 @@ class ViewerSession final : private IceAgent::Observer {
   void sendAudio(const FrameRef& frame, int audioType, Micros now);
   // Frames were lost before they came here.
   void loseVideo();
-  // Another video type may have been chosen.
+  // Another video type may have been chosen. Takes effect twice a second at most.
   void switchVideo();
 
   // About once a second.
@@ -122,7 +122,9 @@ class ViewerSession final : private IceAgent::Observer {
   std::optional<DtlsTransport> dtls_;
   std::vector<std::vector<std::uint8_t>> earlyDatagrams_;  // came before we could answer them
   std::optional<ViewerMedia> media_;
-  int videoType_;                // that the media are given; the shared one, which callers change, is ahead of it
+  int videoType_;         // that the media are given; the shared one, which callers change, is ahead of it
+  Micros nextSwitch_{0};  // not earlier
+  std::optional<Micros> switchAt_;
   std::uint64_t lastVideo_ = 0;  // number of the last frame that the media were given
 
   // Guards callbacks of the resolver against a session that is gone.

@@ -36,6 +36,8 @@ Bytes AccessUnit(int videoType, bool isKeyFrame) {
   return unit;
 }
 
+int VideoType(const LoopbackViewer::Received& packet) { return packet.payload.back() & 0x0F; }
+
 // A camera that writes two streams side by side, a frame of each in quick succession: key frames whenever one is
 // wanted, and now and then.
 class TwoStreamCamera {
@@ -108,6 +110,14 @@ class EngineLoopbackTest : public testing::Test {
     EXPECT_TRUE(viewer->waitUntilConnected());
     EXPECT_GE(viewer->packets(kViewerH264, 10).size(), 10u);
     return viewer;
+  }
+
+  void chooseVideo(const LoopbackViewer& viewer, int videoType) {
+    EXPECT_EQ(streamer_->setAudioVideoType(viewer.session(), -1, videoType), 0);
+  }
+  // Until that video type comes.
+  static void waitForVideo(LoopbackViewer& viewer, int videoType) {
+    EXPECT_TRUE(viewer.waitForLast(kViewerH264, [&](const auto& packet) { return VideoType(packet) == videoType; }));
   }
 
   static void expectMoreVideo(LoopbackViewer& viewer) {
@@ -444,17 +454,19 @@ TEST_F(EngineLoopbackTest, SwitchesBetweenLiveStreamsWithoutAForeignFrame) {
   camera_.reset();
   const TwoStreamCamera camera(*streamer_);
   const auto viewer = watch();
-  for (int i = 0; i < 200; ++i) {
-    ASSERT_EQ(streamer_->setAudioVideoType(viewer->session(), -1, 1 + (i + 1) % 2), 0);
+  for (int i = 0; i < 30; ++i) {
+    chooseVideo(*viewer, 1 + (i + 1) % 2);
+    // Every third time it is there and back again.
+    if (i % 3 == 0) {
+      chooseVideo(*viewer, 1 + i % 2);
+      chooseVideo(*viewer, 1 + (i + 1) % 2);
+    }
+    waitForVideo(*viewer, 1 + (i + 1) % 2);
     // A viewer that cannot keep up may miss every question for its consent: it is alive by its reports, as browsers
     // are.
-    if (i % 20 == 0) {
-      Bytes report;
-      WriteReceiverReport(kViewerSsrc, {}, report);
-      viewer->sendRtcp(std::move(report));
-    }
-    // Every third time there is another switch at once.
-    if (i % 3 != 0) viewer->waitForMore(kViewerH264, 20);
+    Bytes report;
+    WriteReceiverReport(kViewerSsrc, {}, report);
+    viewer->sendRtcp(std::move(report));
   }
   const auto packets = viewer->packets(kViewerH264, 0);
   int switches = 0;
@@ -466,11 +478,32 @@ TEST_F(EngineLoopbackTest, SwitchesBetweenLiveStreamsWithoutAForeignFrame) {
     const auto step = static_cast<std::int32_t>(header.timestamp - before.timestamp);
     ASSERT_GE(step, 0) << i;
     ASSERT_EQ(step > 0, before.marker) << i;
-    if ((packets[i].payload.back() & 0x0F) == (packets[i - 1].payload.back() & 0x0F)) continue;
+    if (VideoType(packets[i]) == VideoType(packets[i - 1])) continue;
     ++switches;
     ASSERT_EQ(packets[i].payload[0] & 0x1F, 7) << i << ": a stream begins with an SPS";
   }
   EXPECT_GT(switches, 20);
+}
+
+// Each switch sends all that is kept of a stream.
+TEST_F(EngineLoopbackTest, SwitchesTwiceASecondAtMostHoweverOftenItIsAskedTo) {
+  camera_.reset();
+  const TwoStreamCamera camera(*streamer_);
+  const auto viewer = watch();
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 200; ++i) {
+    chooseVideo(*viewer, 1 + (i + 1) % 2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  chooseVideo(*viewer, 2);
+  waitForVideo(*viewer, 2);
+  const std::chrono::duration<double> lasted = std::chrono::steady_clock::now() - begin;
+  const auto packets = viewer->packets(kViewerH264, 0);
+  int switches = 0;
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    if (VideoType(packets[i]) != VideoType(packets[i - 1])) ++switches;
+  }
+  EXPECT_LE(switches, 2 * lasted.count() + 2);
 }
 
 TEST_F(EngineLoopbackTest, TakesOneOfferForASession) {

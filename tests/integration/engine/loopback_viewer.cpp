@@ -181,6 +181,15 @@ void LoopbackViewer::waitForMore(std::uint8_t payloadType, std::size_t count) {
   changed_.wait_for(lock, kPatience, [&] { return received_.at(payloadType) >= until; });
 }
 
+bool LoopbackViewer::waitForLast(std::uint8_t payloadType, const std::function<bool(const Received&)>& predicate) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, kPatience, [&] {
+    const auto last = std::find_if(rtp_.rbegin(), rtp_.rend(),
+                                   [&](const Received& packet) { return packet.header.payloadType == payloadType; });
+    return last != rtp_.rend() && predicate(*last);
+  });
+}
+
 std::optional<LoopbackViewer::Received> LoopbackViewer::waitForPacket(std::uint8_t payloadType,
                                                                       std::uint16_t sequence) {
   const auto find = [&] {

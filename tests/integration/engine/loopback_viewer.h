@@ -60,6 +60,8 @@ class LoopbackViewer final : private IceAgent::Observer {
   std::vector<Received> packets(std::uint8_t payloadType, std::size_t count);
   // Waits for more packets than have come.
   void waitForMore(std::uint8_t payloadType, std::size_t count);
+  // Waits until the packet that came last is such a one.
+  bool waitForLast(std::uint8_t payloadType, const std::function<bool(const Received&)>& predicate);
   std::optional<Received> waitForPacket(std::uint8_t payloadType, std::uint16_t sequence);
   bool waitForRtcp(const std::function<bool(const RtcpCompound&)>& predicate);
   bool waitForDtls(DtlsTransportState state);
