@@ -79,7 +79,8 @@ std::optional<Micros> DtlsTransport::timeLeft() const {
   timeval left{};
   if (state_ != DtlsTransportState::kConnecting || DTLSv1_get_timeout(ssl_.get(), &left) != 1) return std::nullopt;
   const Micros latest = std::max(repeatBy_ - MonotonicNow(), Micros{0});
-  return std::min(Micros(left.tv_sec * 1'000'000 + left.tv_usec), latest);
+  // tv_sec may have 32 bits, too few for an hour in microseconds.
+  return std::min<Micros>(std::chrono::seconds(left.tv_sec) + Micros(left.tv_usec), latest);
 }
 
 void DtlsTransport::onTimeout() {
