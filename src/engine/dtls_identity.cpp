@@ -80,8 +80,6 @@ const EVP_MD* DigestNamed(const std::string& algorithm) {
 const DtlsIdentity* DtlsIdentity::Get() {
   // Never freed: sessions may be alive while the process exits.
   static const DtlsIdentity* const identity = [] {
-    // OpenSSL is not to tear itself down at exit under a thread that still encrypts.
-    OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
     auto made = Make();
     if (!made) Log(LogLevel::kError, "engine: OpenSSL cannot make a certificate for DTLS");
     return made.release();

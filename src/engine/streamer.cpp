@@ -1,5 +1,6 @@
 #include <glib.h>
 #include <kovra.h>
+#include <openssl/ssl.h>
 
 #include <atomic>
 #include <memory>
@@ -18,11 +19,14 @@ void LogForeign(const gchar* domain, GLogLevelFlags, const gchar* message, gpoin
   kovra::Log(kovra::LogLevel::kEverything, "engine: %s: %s", domain, message);
 }
 
-void QuietLibraries() {
+void PrepareLibraries() {
   [[maybe_unused]] static const bool done = [] {
     constexpr auto kLevels = static_cast<GLogLevelFlags>(G_LOG_LEVEL_MASK & ~G_LOG_LEVEL_ERROR);
     g_log_set_handler("libnice", kLevels, LogForeign, nullptr);
     g_log_set_handler("libnice-stun", kLevels, LogForeign, nullptr);
+    // OpenSSL is not to tear itself down at exit under a thread that still encrypts. Where the application has used it
+    // before, that comes after the streamer's end, as exit goes backwards.
+    OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
     return true;
   }();
 }
@@ -31,7 +35,7 @@ void QuietLibraries() {
 
 int initKovraLibrary(unsigned int level) {
   kovra::SetLogLevel(level);
-  QuietLibraries();
+  PrepareLibraries();
   return kovra::DtlsIdentity::Get() == nullptr ? -1 : 0;
 }
 
@@ -57,7 +61,7 @@ class KovraStreamer::Impl {
   Impl* keptBefore_ = nullptr;
 };
 
-KovraStreamer::KovraStreamer() : impl_(std::make_unique<Impl>()) { QuietLibraries(); }
+KovraStreamer::KovraStreamer() : impl_(std::make_unique<Impl>()) { PrepareLibraries(); }
 
 KovraStreamer::~KovraStreamer() {
   impl_->takeEngine()->stop();

@@ -9,6 +9,7 @@ add_executable(
   recent_frames_test.cpp
   session_table_test.cpp
   srtp_transport_test.cpp
+  streamer_test.cpp
   stun_discovery_test.cpp
   udp_inlet_test.cpp
   udp_path_test.cpp
