@@ -2,6 +2,8 @@
 
 #include <srtp2/srtp.h>
 
+#include <array>
+#include <cstring>
 #include <utility>
 
 #include "log.h"
@@ -40,10 +42,22 @@ srtp_t CreateContext(SrtpProfile profile, SrtpMasterKey key, srtp_ssrc_type_t di
   return srtp_create(&context, &policy) == srtp_err_status_ok ? context : nullptr;
 }
 
+// libsrtp reads and writes words: not every processor does that anywhere.
+constexpr std::size_t kAlignment = 4;
+constexpr std::size_t kMaxPacketBytes = 2048;
+
 template <typename Operation>
 std::size_t Apply(Operation operation, srtp_t context, std::uint8_t* packet, std::size_t size) {
+  alignas(kAlignment) std::array<std::uint8_t, kMaxPacketBytes> aligned;
+  if (size > aligned.size() - kMaxSrtpTrailerBytes) return 0;
   int length = static_cast<int>(size);
-  return operation(context, packet, &length) == srtp_err_status_ok ? static_cast<std::size_t>(length) : 0;
+  if (reinterpret_cast<std::uintptr_t>(packet) % kAlignment == 0) {
+    return operation(context, packet, &length) == srtp_err_status_ok ? static_cast<std::size_t>(length) : 0;
+  }
+  std::memcpy(aligned.data(), packet, size);
+  if (operation(context, aligned.data(), &length) != srtp_err_status_ok) return 0;
+  std::memcpy(packet, aligned.data(), static_cast<std::size_t>(length));
+  return static_cast<std::size_t>(length);
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ void UdpInlet::onPolled() {
 void UdpInlet::read() {
   const int fd = g_socket_get_fd(socket_);
   for (int i = 0; i < kMaxAtOnce; ++i) {
-    std::array<std::uint8_t, kMaxDatagramBytes> datagram;
+    alignas(4) std::array<std::uint8_t, kMaxDatagramBytes> datagram;  // as libsrtp likes it
     sockaddr_storage from{};
     socklen_t fromBytes = sizeof(from);
     const ssize_t size = recvfrom(fd, datagram.data(), datagram.size(), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT,

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "rtcp.h"
@@ -48,6 +49,17 @@ TEST_P(SrtpTransportTest, CarriesRtpBothWays) {
   EXPECT_GT(there.size(), Rtp(1).size());
   EXPECT_EQ(Opened(viewer_, there), Rtp(1));
   EXPECT_EQ(Opened(camera_, Protected(viewer_, Rtp(5))), Rtp(5));
+}
+
+TEST_P(SrtpTransportTest, WorksWhereverThePacketLies) {
+  for (std::size_t offset = 0; offset < 4; ++offset) {
+    const Packet plain = Rtp(static_cast<std::uint16_t>(offset));
+    Packet room(offset + plain.size() + kMaxSrtpTrailerBytes);
+    std::uint8_t* const packet = room.data() + offset;
+    std::copy(plain.begin(), plain.end(), packet);
+    const std::size_t size = viewer_.unprotectRtp(packet, camera_.protectRtp(packet, plain.size()));
+    EXPECT_EQ(Packet(packet, packet + size), plain) << offset;
+  }
 }
 
 TEST_P(SrtpTransportTest, HidesThePayload) {
