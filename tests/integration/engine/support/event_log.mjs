@@ -39,6 +39,7 @@ export class EventLog {
         stop();
         reject(new Error(`${what} did not come within ${patience} ms`));
       }, patience);
+      timer.unref(); // who waits for what nobody needs any more does not keep the process alive
       const stop = () => {
         clearTimeout(timer);
         this.#waiting.delete(look);
