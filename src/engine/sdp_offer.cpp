@@ -1,6 +1,7 @@
 #include "sdp_offer.h"
 
 #include <algorithm>
+#include <set>
 
 #include "rtp_packet.h"
 #include "text.h"
@@ -125,7 +126,8 @@ class OfferReader {
   std::string& reason_;
   SdpOffer offer_;
   SdpSection inherited_;
-  bool ownFingerprints_ = false;  // the section at hand has its own, which replace the session's
+  std::set<std::string_view> bundledMids_;  // of all groups
+  bool ownFingerprints_ = false;            // the section at hand has its own, which replace the session's
 };
 
 bool OfferReader::refuse(const char* reason) {
@@ -206,11 +208,13 @@ bool OfferReader::readSessionAttribute(std::string_view name, std::string_view v
   return true;
 }
 
+// A section is in one group at most (RFC 8843): the first that names it.
 void OfferReader::readBundleGroup(std::string_view value) {
   if (TakeWord(value) != "BUNDLE") return;
   std::vector<std::string>& mids = offer_.bundleGroups.emplace_back();
-  for (std::string_view mid = TakeWord(value); !mid.empty() && mids.size() < kMaxSections; mid = TakeWord(value)) {
-    mids.emplace_back(mid);
+  for (std::string_view mid = TakeWord(value); !mid.empty(); mid = TakeWord(value)) {
+    if (bundledMids_.size() == kMaxSections) return;
+    if (bundledMids_.insert(mid).second) mids.emplace_back(mid);
   }
 }
 

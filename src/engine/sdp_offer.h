@@ -62,7 +62,7 @@ struct SdpSection {
 
 struct SdpOffer {
   std::vector<SdpSection> sections;
-  std::vector<std::vector<std::string>> bundleGroups;  // mids
+  std::vector<std::vector<std::string>> bundleGroups;  // mids; none stands twice
   bool iceLite = false;
 };
 

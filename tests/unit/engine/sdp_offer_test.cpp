@@ -199,6 +199,28 @@ TEST(ReadSdpOffer, ReadsSessionAttributes) {
   EXPECT_THAT(offer.bundleGroups, ElementsAre(ElementsAre("a", "b"), ElementsAre("c")));
 }
 
+TEST(ReadSdpOffer, LeavesAMidInTheFirstGroupThatNamesIt) {
+  const auto groups = [](const std::string& lines) {
+    return Read(kSessionLines + lines + "m=video 9 UDP/TLS/RTP/SAVPF 96\r\n").bundleGroups;
+  };
+  EXPECT_THAT(groups("a=group:BUNDLE 0 0 1 0\r\n"), ElementsAre(ElementsAre("0", "1")));
+  EXPECT_THAT(groups("a=group:BUNDLE 0 1\r\na=group:BUNDLE 0 2 1\r\n"),
+              ElementsAre(ElementsAre("0", "1"), ElementsAre("2")));
+}
+
+TEST(ReadSdpOffer, GroupsNoMoreMidsThanThereMayBeSections) {
+  std::string lines;
+  for (int group = 0; group < 16; ++group) {
+    lines += "a=group:BUNDLE";
+    for (int i = 0; i < 10; ++i) lines += " " + std::to_string(10 * group + i);
+    lines += "\r\n";
+  }
+  std::size_t mids = 0;
+  const SdpOffer offer = Read(kSessionLines + lines + "m=video 9 UDP/TLS/RTP/SAVPF 96\r\n");
+  for (const std::vector<std::string>& group : offer.bundleGroups) mids += group.size();
+  EXPECT_EQ(mids, 64u);
+}
+
 TEST(ReadSdpOffer, AcceptsLineFeedsAloneEmptyLinesAndAPortCount) {
   EXPECT_THAT(Read(Replaced(kBrowserOffer, "\r\n", "\n")).sections, SizeIs(3));
   EXPECT_THAT(Read(kBrowserOffer + "\r\n\r\n").sections, SizeIs(3));
