@@ -84,8 +84,17 @@ const SdpCodec* ChooseCodec(const SdpSection& section) {
   return nullptr;
 }
 
+// One for each section of the offer, as ChooseCodec says. Kept, since choosing reads all parameters.
+using Choices = std::vector<const SdpCodec*>;
+
+Choices ChooseCodecs(const SdpOffer& offer) {
+  Choices choices;
+  for (const SdpSection& section : offer.sections) choices.push_back(ChooseCodec(section));
+  return choices;
+}
+
+// Whether the direction leaves us something to do, in a section with a codec of ours.
 bool CanServe(const SdpSection& section) {
-  if (ChooseCodec(section) == nullptr) return false;
   return ViewerReceives(section) || (section.media == "audio" && ViewerSends(section));
 }
 
@@ -109,29 +118,29 @@ NegotiatedVideo MakeVideo(const SdpSection& section, std::size_t index, const Sd
   return video;
 }
 
-// Sections that can share one transport, in the order in which one of them may carry it.
+// Sections with a codec of ours that can share one transport, in the order in which one of them may carry it.
 struct Group {
   std::vector<std::size_t> sections;
   bool bundled = false;
 };
 
-Group MakeGroup(const SdpOffer& offer, const std::vector<std::string>& mids) {
+Group MakeGroup(const SdpOffer& offer, const Choices& choices, const std::vector<std::string>& mids) {
   Group group;
   group.bundled = true;
   for (const std::string& mid : mids) {
     for (std::size_t i = 0; i < offer.sections.size(); ++i) {
-      if (offer.sections[i].mid == mid && ChooseCodec(offer.sections[i]) != nullptr) group.sections.push_back(i);
+      if (choices[i] != nullptr && offer.sections[i].mid == mid) group.sections.push_back(i);
     }
   }
   return group;
 }
 
-std::vector<Group> MakeGroups(const SdpOffer& offer) {
+std::vector<Group> MakeGroups(const SdpOffer& offer, const Choices& choices) {
   std::vector<Group> groups;
-  for (const std::vector<std::string>& mids : offer.bundleGroups) groups.push_back(MakeGroup(offer, mids));
+  for (const std::vector<std::string>& mids : offer.bundleGroups) groups.push_back(MakeGroup(offer, choices, mids));
   for (std::size_t i = 0; i < offer.sections.size(); ++i) {
     // A section in a group too may be served alone, if the group cannot.
-    if (ChooseCodec(offer.sections[i]) != nullptr && !offer.sections[i].bundleOnly) groups.push_back({{i}, false});
+    if (choices[i] != nullptr && !offer.sections[i].bundleOnly) groups.push_back({{i}, false});
   }
   return groups;
 }
@@ -217,11 +226,11 @@ bool ClashesWithVideo(const SdpCodec& codec, const std::optional<NegotiatedVideo
   return video && (video->payloadType == codec.payloadType || video->rtxPayloadType == codec.payloadType);
 }
 
-void TakeVideo(const SdpOffer& offer, const Group& group, SdpNegotiation& result) {
+void TakeVideo(const SdpOffer& offer, const Choices& choices, const Group& group, SdpNegotiation& result) {
   for (const std::size_t index : group.sections) {
     const SdpSection& section = offer.sections[index];
     if (section.media != "video") continue;
-    const SdpCodec& codec = *ChooseCodec(section);
+    const SdpCodec& codec = *choices[index];
     result.codecs[index] = codec.payloadType;
     result.fates[index] = SectionFate::kInactive;
     if (result.video || !CanServe(section)) continue;
@@ -230,11 +239,11 @@ void TakeVideo(const SdpOffer& offer, const Group& group, SdpNegotiation& result
   }
 }
 
-void TakeAudio(const SdpOffer& offer, const Group& group, SdpNegotiation& result) {
+void TakeAudio(const SdpOffer& offer, const Choices& choices, const Group& group, SdpNegotiation& result) {
   for (const std::size_t index : group.sections) {
     const SdpSection& section = offer.sections[index];
     if (section.media != "audio") continue;
-    const SdpCodec& codec = *ChooseCodec(section);
+    const SdpCodec& codec = *choices[index];
     if (ClashesWithVideo(codec, result.video)) continue;
     result.codecs[index] = codec.payloadType;
     result.fates[index] = SectionFate::kInactive;
@@ -255,7 +264,8 @@ Group AcceptedOf(const Group& group, const SdpNegotiation& result) {
 }  // namespace
 
 std::optional<SdpNegotiation> Negotiate(const SdpOffer& offer, SdpSetup preferredSetup, std::string& reason) {
-  const std::vector<Group> groups = MakeGroups(offer);
+  const Choices choices = ChooseCodecs(offer);
+  const std::vector<Group> groups = MakeGroups(offer, choices);
   const Group* group = ChooseGroup(offer, groups, reason);
   if (group == nullptr) return std::nullopt;
 
@@ -263,8 +273,8 @@ std::optional<SdpNegotiation> Negotiate(const SdpOffer& offer, SdpSetup preferre
   result.fates.assign(offer.sections.size(), SectionFate::kRejected);
   result.codecs.assign(offer.sections.size(), 0);
   result.bundled = group->bundled;
-  TakeVideo(offer, *group, result);
-  TakeAudio(offer, *group, result);
+  TakeVideo(offer, choices, *group, result);
+  TakeAudio(offer, choices, *group, result);
 
   const std::optional<std::size_t> transport = TransportOf(offer, AcceptedOf(*group, result));
   if (!transport) {
