@@ -13,10 +13,9 @@ namespace {
 constexpr std::string_view kIceChars = "+/";
 constexpr std::size_t kMinUfrag = 4;
 constexpr std::size_t kMinPassword = 22;
-constexpr std::size_t kMaxCredential = 256;
 
 bool IsCredential(const std::string& text, std::size_t least) {
-  return text.size() >= least && text.size() <= kMaxCredential && IsMadeOf(text, kIceChars);
+  return text.size() >= least && IsMadeOf(text, kIceChars);
 }
 
 bool HasTransport(const SdpSection& section) {

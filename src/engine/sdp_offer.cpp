@@ -16,6 +16,7 @@ constexpr std::size_t kMaxFingerprints = 16;
 constexpr std::size_t kMaxFeedback = 32;
 constexpr std::size_t kMaxBundleGroups = 16;
 constexpr std::size_t kMaxMidBytes = 255;
+constexpr std::size_t kMaxCredentialBytes = 256;  // RFC 8839, 5.4
 constexpr std::uint64_t kMaxPayloadType = 127;
 constexpr std::string_view kTokenChars = "!#$%&'*+-.^_`{|}~";  // RFC 8866, 9
 
@@ -70,6 +71,12 @@ std::optional<SdpSetup> ReadSetup(std::string_view value) {
   if (value == "active") return SdpSetup::kActive;
   if (value == "passive") return SdpSetup::kPassive;
   return std::nullopt;
+}
+
+// Each section inherits a copy of the session's: what is too long must not be kept.
+std::string_view ReadCredential(std::string_view value) {
+  value = Trim(value);
+  return value.size() > kMaxCredentialBytes ? std::string_view() : value;
 }
 
 SdpCodec MakeCodec(std::uint8_t payloadType) {
@@ -222,9 +229,9 @@ void OfferReader::readBundleGroup(std::string_view value) {
 bool OfferReader::readTransportAttribute(std::string_view name, std::string_view value) {
   SdpSection& section = current();
   if (name == "ice-ufrag") {
-    section.iceUfrag = Trim(value);
+    section.iceUfrag = ReadCredential(value);
   } else if (name == "ice-pwd") {
-    section.icePassword = Trim(value);
+    section.icePassword = ReadCredential(value);
   } else if (name == "setup") {
     section.setup = ReadSetup(Trim(value));
   } else if (name == "fingerprint") {

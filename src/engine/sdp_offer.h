@@ -47,7 +47,7 @@ struct SdpSection {
   std::string mid;       // empty: none
   SdpDirection direction = SdpDirection::kSendRecv;
   std::vector<SdpCodec> codecs;  // in the order of the m= line; empty for other protocols than RTP
-  std::string iceUfrag;          // empty: none
+  std::string iceUfrag;          // empty: none, or one longer than ICE allows
   std::string icePassword;
   std::vector<SdpFingerprint> fingerprints;  // of algorithms that we can check: sha-256, sha-384, sha-512
   std::optional<SdpSetup> setup;

@@ -266,6 +266,7 @@ TEST(Negotiate, RefusesCredentialsThatIceForbids) {
   EXPECT_EQ(Refusal(Replaced(kBrowserOffer, "EsAw", std::string(257, 'a'))), kNoTransport);
   EXPECT_EQ(Refusal(Replaced(kBrowserOffer, "P2uYro0UCOQ4zxjKXaWCBui1", std::string(21, 'a'))), kNoTransport);
   EXPECT_EQ(Refusal(Replaced(kBrowserOffer, "P2uYro0UCOQ4zxjKXaWCBui1", std::string(256, 'a'))), "accepted");
+  EXPECT_EQ(Refusal(Replaced(kBrowserOffer, "P2uYro0UCOQ4zxjKXaWCBui1", std::string(257, 'a'))), kNoTransport);
 }
 
 TEST(Negotiate, ChoosesItsRoleInDtlsWhereTheOfferLeavesTheChoice) {

@@ -153,6 +153,21 @@ TEST(ReadSdpOffer, InheritsTransportAndDirectionFromTheSession) {
   EXPECT_EQ(video.direction, SdpDirection::kInactive);
 }
 
+TEST(ReadSdpOffer, KeepsNoCredentialsLongerThanIceAllows) {
+  const std::string longest(256, 'a');
+  const SdpOffer offer = Read(kSessionLines + "a=ice-ufrag:" + longest + "\r\na=ice-pwd:" + longest +
+                              "\r\n"
+                              "m=audio 9 UDP/TLS/RTP/SAVPF 0\r\n"
+                              "m=video 9 UDP/TLS/RTP/SAVPF 96\r\n"
+                              "a=ice-ufrag:" +
+                              longest + "a\r\na=ice-pwd:" + longest + "a\r\n");
+  EXPECT_EQ(offer.sections[0].iceUfrag, longest);
+  EXPECT_EQ(offer.sections[0].icePassword, longest);
+  // Nor has it those of the session then.
+  EXPECT_EQ(offer.sections[1].iceUfrag, "");
+  EXPECT_EQ(offer.sections[1].icePassword, "");
+}
+
 TEST(ReadSdpOffer, SendsAndReceivesWithoutADirection) {
   EXPECT_EQ(Read(Section("")).sections[0].direction, SdpDirection::kSendRecv);
 }
