@@ -109,9 +109,9 @@ NegotiatedVideo MakeVideo(const SdpSection& section, std::size_t index, const Sd
   NegotiatedVideo video;
   video.section = index;
   video.payloadType = codec.payloadType;
-  video.nack = codec.hasFeedback("nack");
-  video.pli = codec.hasFeedback("nack pli");
-  video.fir = codec.hasFeedback("ccm fir");
+  video.nack = codec.nack;
+  video.pli = codec.pli;
+  video.fir = codec.fir;
   video.playoutDelayId = section.playoutDelayId;
   if (video.nack) video.rtxPayloadType = FindRtx(section, codec.payloadType);
   return video;

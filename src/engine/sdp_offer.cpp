@@ -13,7 +13,6 @@ namespace {
 constexpr std::size_t kMaxSections = 64;
 constexpr std::size_t kMaxCandidates = 256;
 constexpr std::size_t kMaxFingerprints = 16;
-constexpr std::size_t kMaxFeedback = 32;
 constexpr std::size_t kMaxBundleGroups = 16;
 constexpr std::size_t kMaxMidBytes = 255;
 constexpr std::size_t kMaxCredentialBytes = 256;  // RFC 8839, 5.4
@@ -99,6 +98,12 @@ void ReadRtpmap(SdpCodec& codec, std::string_view value) {
   codec.channels = static_cast<std::uint32_t>(channels.value_or(1));
 }
 
+void AddFeedback(SdpCodec& codec, std::string_view kind) {
+  if (kind == "nack") codec.nack = true;
+  if (kind == "nack pli") codec.pli = true;
+  if (kind == "ccm fir") codec.fir = true;
+}
+
 // Of the header extensions only one is known. An id beyond the one-byte form, or one direction alone, leaves it out.
 void ReadExtmap(SdpSection& section, std::string_view value) {
   const std::optional<std::uint64_t> id = ReadNumber(TakeWord(value), kMaxExtensionId);
@@ -120,8 +125,8 @@ class OfferReader {
   bool readSessionAttribute(std::string_view name, std::string_view value);
   bool readTransportAttribute(std::string_view name, std::string_view value);
   bool readMediaAttribute(std::string_view name, std::string_view value);
-  bool readCodecAttribute(std::string_view name, std::string_view value);
-  bool readFeedback(std::string_view value);
+  void readCodecAttribute(std::string_view name, std::string_view value);
+  void readFeedback(std::string_view value);
   bool readFingerprint(std::string_view value);
   bool readMid(std::string_view value);
   void readBundleGroup(std::string_view value);
@@ -266,7 +271,8 @@ bool OfferReader::readMediaAttribute(std::string_view name, std::string_view val
   if (name == "rtcp-mux") section.rtcpMux = true;
   if (name == "bundle-only") section.bundleOnly = true;
   if (name == "extmap") ReadExtmap(section, value);
-  if (name != "candidate") return readCodecAttribute(name, value);
+  readCodecAttribute(name, value);
+  if (name != "candidate") return true;
 
   if (section.candidates.size() == kMaxCandidates) return refuse("too many candidates");
   // One that cannot be read is of a kind unknown to us and is passed over.
@@ -285,29 +291,26 @@ bool OfferReader::readMid(std::string_view value) {
   return true;
 }
 
-bool OfferReader::readCodecAttribute(std::string_view name, std::string_view value) {
-  if (name == "rtcp-fb") return readFeedback(value);
-  if (name != "rtpmap" && name != "fmtp") return true;
+void OfferReader::readCodecAttribute(std::string_view name, std::string_view value) {
+  if (name == "rtcp-fb") readFeedback(value);
+  if (name != "rtpmap" && name != "fmtp") return;
   SdpCodec* codec = findCodec(TakeWord(value));
-  if (codec == nullptr) return true;
+  if (codec == nullptr) return;
   if (name == "rtpmap") {
     ReadRtpmap(*codec, Trim(value));
   } else {
     if (!codec->parameters.empty()) codec->parameters += ';';
     codec->parameters += Trim(value);
   }
-  return true;
 }
 
-bool OfferReader::readFeedback(std::string_view value) {
+void OfferReader::readFeedback(std::string_view value) {
   const std::string_view payloadType = TakeWord(value);
+  const std::string_view kind = Trim(value);
   const SdpCodec* only = findCodec(payloadType);
   for (SdpCodec& codec : offer_.sections.back().codecs) {
-    if (payloadType != "*" && &codec != only) continue;
-    if (codec.feedback.size() == kMaxFeedback) return refuse("too many rtcp-fb lines");
-    codec.feedback.emplace_back(Trim(value));
+    if (payloadType == "*" || &codec == only) AddFeedback(codec, kind);
   }
-  return true;
 }
 
 SdpCodec* OfferReader::findCodec(std::string_view payloadType) {
@@ -328,10 +331,6 @@ std::optional<std::string> SdpCodec::parameter(std::string_view key) const {
     if (EqualsIgnoringCase(Trim(TakeUntil(value, '=')), key)) return std::string(Trim(value));
   }
   return std::nullopt;
-}
-
-bool SdpCodec::hasFeedback(std::string_view value) const {
-  return std::find(feedback.begin(), feedback.end(), value) != feedback.end();
 }
 
 bool SdpCodec::isNamed(std::string_view codecName) const { return EqualsIgnoringCase(name, codecName); }

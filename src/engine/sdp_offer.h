@@ -29,12 +29,14 @@ struct SdpCodec {
   std::string name;  // as written: "H264"; empty when there is no rtpmap and the type is not a static one we know
   std::uint32_t clockRate = 0;
   std::uint32_t channels = 1;
-  std::string parameters;             // of fmtp; empty: none
-  std::vector<std::string> feedback;  // of rtcp-fb, "nack pli"; also those given for all types ("*")
+  std::string parameters;  // of fmtp; empty: none
+  // Of rtcp-fb, also for all types ("*"): "nack", "nack pli" and "ccm fir".
+  bool nack = false;
+  bool pli = false;
+  bool fir = false;
 
   // The value of one fmtp parameter, by its name in any case; nullopt when it is not there.
   std::optional<std::string> parameter(std::string_view key) const;
-  bool hasFeedback(std::string_view value) const;
   bool isNamed(std::string_view codecName) const;  // in any case
 };
 
