@@ -58,6 +58,7 @@ class AnswerWriter {
   void addCodec(const SdpCodec& codec);
   void addVideo(const NegotiatedVideo& video);
   void addAudio(const NegotiatedAudio& audio);
+  void addPlayoutDelay(const SdpExtmap& offered);
   void addFeedback(const NegotiatedVideo& video);
   void addSource(std::uint32_t ssrc, const char* track);
 
@@ -155,7 +156,7 @@ void AnswerWriter::addCodec(const SdpCodec& codec) {
 void AnswerWriter::addVideo(const NegotiatedVideo& video) {
   const SdpSection& section = offer_.sections[video.section];
   add("a=sendonly");
-  if (video.playoutDelayId) add("a=extmap:" + std::to_string(*video.playoutDelayId) + ' ' + kPlayoutDelayUri);
+  if (section.playoutDelay) addPlayoutDelay(*section.playoutDelay);
   addCodec(*section.findCodec(video.payloadType));
   addFeedback(video);
   if (video.rtxPayloadType) {
@@ -167,6 +168,12 @@ void AnswerWriter::addVideo(const NegotiatedVideo& video) {
   addSource(parameters_.videoSsrc, "video");
   if (video.rtxPayloadType) addSource(parameters_.videoRtxSsrc, "video");
   add("a=msid:" + parameters_.streamId + " video");
+}
+
+// What the viewer only receives, we only send (RFC 8285).
+void AnswerWriter::addPlayoutDelay(const SdpExtmap& offered) {
+  const char* direction = offered.direction == SdpDirection::kRecvOnly ? "/sendonly " : " ";
+  add("a=extmap:" + std::to_string(offered.id) + direction + kPlayoutDelayUri);
 }
 
 void AnswerWriter::addFeedback(const NegotiatedVideo& video) {

@@ -112,7 +112,7 @@ NegotiatedVideo MakeVideo(const SdpSection& section, std::size_t index, const Sd
   video.nack = codec.nack;
   video.pli = codec.pli;
   video.fir = codec.fir;
-  video.playoutDelayId = section.playoutDelayId;
+  if (section.playoutDelay) video.playoutDelayId = section.playoutDelay->id;
   if (video.nack) video.rtxPayloadType = FindRtx(section, codec.payloadType);
   return video;
 }

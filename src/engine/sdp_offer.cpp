@@ -104,10 +104,16 @@ void AddFeedback(SdpCodec& codec, std::string_view kind) {
   if (kind == "ccm fir") codec.fir = true;
 }
 
-// Of the header extensions only one is known. An id beyond the one-byte form, or one direction alone, leaves it out.
+// Of the header extensions only one is known. An id beyond the one-byte form, or a direction in which the viewer does
+// not receive it, leaves it out.
 void ReadExtmap(SdpSection& section, std::string_view value) {
-  const std::optional<std::uint64_t> id = ReadNumber(TakeWord(value), kMaxExtensionId);
-  if (id && *id > 0 && TakeWord(value) == kPlayoutDelayUri) section.playoutDelayId = static_cast<std::uint8_t>(*id);
+  std::string_view entry = TakeWord(value);
+  const bool hasDirection = entry.find('/') != std::string_view::npos;
+  const std::optional<std::uint64_t> id = ReadNumber(TakeUntil(entry, '/'), kMaxExtensionId);
+  const std::optional<SdpDirection> direction = hasDirection ? ReadDirection(entry) : SdpDirection::kSendRecv;
+  if (!id || *id == 0 || TakeWord(value) != kPlayoutDelayUri) return;
+  if (direction != SdpDirection::kSendRecv && direction != SdpDirection::kRecvOnly) return;
+  section.playoutDelay = SdpExtmap{static_cast<std::uint8_t>(*id), *direction};
 }
 
 // Reads line by line. Each reading operation returns false, with a reason, for what makes the offer unusable.

@@ -23,6 +23,12 @@ struct SdpFingerprint {
   bool operator==(const SdpFingerprint& other) const { return algorithm == other.algorithm && digest == other.digest; }
 };
 
+// A header extension (RFC 8285).
+struct SdpExtmap {
+  std::uint8_t id = 0;  // of the one-byte form
+  SdpDirection direction = SdpDirection::kSendRecv;
+};
+
 // One payload type of a section.
 struct SdpCodec {
   std::uint8_t payloadType = 0;
@@ -55,7 +61,7 @@ struct SdpSection {
   std::optional<SdpSetup> setup;
   bool rtcpMux = false;
   bool bundleOnly = false;
-  std::optional<std::uint8_t> playoutDelayId;  // of the extmap line (RFC 8285) for kPlayoutDelayUri
+  std::optional<SdpExtmap> playoutDelay;  // for kPlayoutDelayUri, where the viewer takes it from us
   std::vector<IceCandidate> candidates;
 
   bool isRejected() const { return port == 0 && !bundleOnly; }

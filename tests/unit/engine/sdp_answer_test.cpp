@@ -201,5 +201,16 @@ TEST(WriteSdpAnswer, TakesTheExtensionForPlayoutDelayWithItsId) {
   EXPECT_THAT(Answer(kBrowserOffer), Not(HasSubstr("extmap")));
 }
 
+TEST(WriteSdpAnswer, SendsTheExtensionForPlayoutDelayThatTheViewerOnlyReceives) {
+  const std::string uri = " http://www.webrtc.org/experiments/rtp-hdrext/playout-delay\r\n";
+  const auto video = [&](const std::string& id) {
+    return SectionOf(Answer(Replaced(kBrowserOffer, "a=mid:0\r\n", "a=mid:0\r\na=extmap:" + id + uri)), 0);
+  };
+  EXPECT_THAT(video("6/recvonly"), HasSubstr("\r\na=extmap:6/sendonly" + uri));
+  EXPECT_THAT(video("6/sendrecv"), HasSubstr("\r\na=extmap:6" + uri));
+  EXPECT_THAT(video("6/sendonly"), Not(HasSubstr("extmap")));
+  EXPECT_THAT(video("6/inactive"), Not(HasSubstr("extmap")));
+}
+
 }  // namespace
 }  // namespace kovra

@@ -324,13 +324,31 @@ TEST(ReadSdpOffer, RefusesAbsurdCounts) {
 
 TEST(ReadSdpOffer, ReadsTheIdOfThePlayoutDelayExtension) {
   const std::string uri = " http://www.webrtc.org/experiments/rtp-hdrext/playout-delay\r\n";
-  const auto id = [](const std::string& lines) { return Read(Section(lines)).sections[0].playoutDelayId; };
+  const auto id = [](const std::string& lines) -> std::optional<int> {
+    const std::optional<SdpExtmap> extmap = Read(Section(lines)).sections[0].playoutDelay;
+    return extmap ? std::optional<int>(extmap->id) : std::nullopt;
+  };
   EXPECT_EQ(id("a=extmap:5" + uri), 5);
   EXPECT_EQ(id("a=extmap:14" + uri), 14);
+  EXPECT_EQ(id("a=extmap:5/recvonly" + uri), 5);
   EXPECT_EQ(id("a=extmap:5 urn:ietf:params:rtp-hdrext:toffset\r\n"), std::nullopt);
-  for (const char* word : {"0", "15", "x", "", "5/recvonly", "300"}) {
+  for (const char* word : {"0", "15", "x", "", "300", "5/", "5/both", "5/recvonly/", "/recvonly"}) {
     EXPECT_EQ(id(std::string("a=extmap:") + word + uri), std::nullopt) << word;
   }
+}
+
+TEST(ReadSdpOffer, TakesThePlayoutDelayExtensionOnlyWhereTheViewerReceivesIt) {
+  const auto direction = [](const std::string& suffix) -> std::optional<SdpDirection> {
+    const SdpOffer offer =
+        Read(Section("a=extmap:5" + suffix + " http://www.webrtc.org/experiments/rtp-hdrext/playout-delay\r\n"));
+    if (!offer.sections[0].playoutDelay) return std::nullopt;
+    return offer.sections[0].playoutDelay->direction;
+  };
+  EXPECT_EQ(direction(""), SdpDirection::kSendRecv);
+  EXPECT_EQ(direction("/sendrecv"), SdpDirection::kSendRecv);
+  EXPECT_EQ(direction("/recvonly"), SdpDirection::kRecvOnly);
+  EXPECT_EQ(direction("/sendonly"), std::nullopt);
+  EXPECT_EQ(direction("/inactive"), std::nullopt);
 }
 
 }  // namespace
