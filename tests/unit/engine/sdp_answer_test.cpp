@@ -36,6 +36,18 @@ std::string Answer(const std::string& text, const SdpAnswerParameters& parameter
   return WriteSdpAnswer(*offer, *negotiation, parameters);
 }
 
+// Of an answer with Parameters().
+std::string TransportLines(const std::string& setup) {
+  return "a=ice-ufrag:cam1\r\n"
+         "a=ice-pwd:cameracameracameracamera\r\n"
+         "a=ice-options:trickle\r\n"
+         "a=fingerprint:sha-256 "
+         "07:0F:17:1F:27:2F:37:3F:47:4F:57:5F:67:6F:77:7F:87:8F:97:9F:A7:AF:B7:BF:C7:CF:D7:DF:E7:EF:F7:FF"
+         "\r\n"
+         "a=setup:" +
+         setup + "\r\n";
+}
+
 // The section with this index, from its m= line on.
 std::string SectionOf(const std::string& sdp, int index) {
   std::size_t begin = 0;
@@ -47,13 +59,7 @@ std::string SectionOf(const std::string& sdp, int index) {
 IceCandidate Candidate(const std::string& line) { return *ReadIceCandidate(line); }
 
 TEST(WriteSdpAnswer, WritesTheWholeAnswerToABrowser) {
-  const std::string transport =
-      "a=ice-ufrag:cam1\r\n"
-      "a=ice-pwd:cameracameracameracamera\r\n"
-      "a=ice-options:trickle\r\n"
-      "a=fingerprint:sha-256 07:0F:17:1F:27:2F:37:3F:47:4F:57:5F:67:6F:77:7F:87:8F:97:9F:A7:AF:B7:BF:C7:CF:D7:DF:E7:EF:"
-      "F7:FF\r\n"
-      "a=setup:active\r\n";
+  const std::string transport = TransportLines("active");
   EXPECT_EQ(Answer(kBrowserOffer, Parameters(), SdpSetup::kActive),
             "v=0\r\n"
             "o=- 4711 2 IN IP4 127.0.0.1\r\n"
@@ -94,6 +100,47 @@ TEST(WriteSdpAnswer, WritesTheWholeAnswerToABrowser) {
                 "c=IN IP4 0.0.0.0\r\n"
                 "a=mid:2\r\n"
                 "a=inactive\r\n");
+}
+
+TEST(WriteSdpAnswer, WritesTheWholeAnswerToFirefox) {
+  const std::string transport = TransportLines("passive");
+  EXPECT_EQ(Answer(kFirefoxOffer),
+            "v=0\r\n"
+            "o=- 4711 2 IN IP4 127.0.0.1\r\n"
+            "s=-\r\n"
+            "t=0 0\r\n"
+            "a=group:BUNDLE 0 1\r\n"
+            "a=msid-semantic: WMS stream\r\n"
+            "m=video 9 UDP/TLS/RTP/SAVPF 126 127\r\n"
+            "c=IN IP4 0.0.0.0\r\n" +
+                transport +
+                "a=mid:0\r\n"
+                "a=rtcp-mux\r\n"
+                "a=sendonly\r\n"
+                "a=extmap:6/sendonly http://www.webrtc.org/experiments/rtp-hdrext/playout-delay\r\n"
+                "a=rtpmap:126 H264/90000\r\n"
+                "a=fmtp:126 level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42e01f\r\n"
+                "a=rtcp-fb:126 ccm fir\r\n"
+                "a=rtcp-fb:126 nack\r\n"
+                "a=rtcp-fb:126 nack pli\r\n"
+                "a=rtpmap:127 rtx/90000\r\n"
+                "a=fmtp:127 apt=126\r\n"
+                "a=ssrc-group:FID 1111 2222\r\n"
+                "a=ssrc:1111 cname:camera\r\n"
+                "a=ssrc:1111 msid:stream video\r\n"
+                "a=ssrc:2222 cname:camera\r\n"
+                "a=ssrc:2222 msid:stream video\r\n"
+                "a=msid:stream video\r\n"
+                "m=audio 9 UDP/TLS/RTP/SAVPF 0\r\n"
+                "c=IN IP4 0.0.0.0\r\n" +
+                transport +
+                "a=mid:1\r\n"
+                "a=rtcp-mux\r\n"
+                "a=sendrecv\r\n"
+                "a=rtpmap:0 PCMU/8000\r\n"
+                "a=ssrc:3333 cname:camera\r\n"
+                "a=ssrc:3333 msid:stream audio\r\n"
+                "a=msid:stream audio\r\n");
 }
 
 TEST(WriteSdpAnswer, NamesTheSourcesOfARetransmissionOnlyWhereThereIsOne) {

@@ -73,6 +73,46 @@ TEST(Negotiate, ServesVideoAndAudioOfABrowserAndRejectsItsDataChannel) {
   EXPECT_THAT(result.codecs, ElementsAre(106, 0, 0));
 }
 
+TEST(Negotiate, ServesVideoAndAudioOfFirefox) {
+  const SdpNegotiation result = NegotiateText(kFirefoxOffer);
+  EXPECT_THAT(result.fates, ElementsAre(SectionFate::kServed, SectionFate::kServed));
+  ASSERT_TRUE(result.video);
+  EXPECT_EQ(result.video->payloadType, 126);
+  EXPECT_EQ(result.video->rtxPayloadType, 127);
+  EXPECT_TRUE(result.video->nack && result.video->pli && result.video->fir);
+  EXPECT_EQ(result.video->playoutDelayId, 6);
+  // Its direction is the session's.
+  ASSERT_TRUE(result.audio);
+  EXPECT_EQ(result.audio->payloadType, 0);
+  EXPECT_TRUE(result.audio->send && result.audio->receive);
+
+  EXPECT_TRUE(result.bundled);
+  EXPECT_EQ(result.mid, "0");
+  EXPECT_EQ(result.iceUfrag, "3fa9c16e");
+  EXPECT_EQ(result.icePassword, "7d1e5f0b9c3a2864f1e0d9c8b7a69584");
+  ASSERT_THAT(result.fingerprints, SizeIs(1));
+  EXPECT_EQ(result.fingerprints[0].digest[0], 0x6B);
+  ASSERT_THAT(result.candidates, SizeIs(2));
+  EXPECT_EQ(result.candidates[0].port, 51372);
+  EXPECT_EQ(result.candidates[1].transport, IceTransport::kTcp);
+}
+
+TEST(Negotiate, ServesAudioOfFirefoxWithATransportOfItsOwnButNotWhereItIsStopped) {
+  const std::string transport =
+      "a=ice-ufrag:77aa21c0\r\na=ice-pwd:00112233445566778899aabbccddeeff\r\na=rtcp-mux\r\na=setup:actpass\r\n";
+  const std::string own = Replaced(Replaced(kFirefoxOffer, "m=audio 0", "m=audio 9"), "a=bundle-only\r\n", transport);
+  EXPECT_THAT(NegotiateText(own).fates, ElementsAre(SectionFate::kServed, SectionFate::kServed));
+  EXPECT_EQ(NegotiateText(own).iceUfrag, "3fa9c16e");
+  EXPECT_THAT(NegotiateText(Without(kFirefoxOffer, "a=bundle-only\r\n")).fates,
+              ElementsAre(SectionFate::kServed, SectionFate::kRejected));
+}
+
+TEST(Negotiate, TakesSingleNalUnitModeWithItsRetransmissionOfFirefoxWithoutTheOther) {
+  const SdpNegotiation result = NegotiateText(Without(kFirefoxOffer, "a=rtpmap:126 H264/90000\r\n"));
+  EXPECT_EQ(result.video->payloadType, 97);
+  EXPECT_EQ(result.video->rtxPayloadType, 98);
+}
+
 TEST(Negotiate, PrefersProfilesThatMoreViewersDecode) {
   struct Case {
     const char* profiles[3];
