@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 #include <string>
 
 #include "fuzz_input.h"
@@ -54,11 +55,19 @@ void CheckAnswer(const SdpOffer& offer, const SdpNegotiation& negotiation, const
   }
 }
 
+void CheckGroups(const SdpOffer& offer) {
+  std::set<std::string> mids;
+  for (const std::vector<std::string>& group : offer.bundleGroups) {
+    for (const std::string& mid : group) Expect(mids.insert(mid).second, "a mid is in one group only");
+  }
+}
+
 void Run(std::string_view text, SdpSetup setup) {
   std::string reason;
   const std::optional<SdpOffer> offer = ReadSdpOffer(text, reason);
   Expect(offer || !reason.empty(), "a refused offer has a reason");
   if (!offer) return;
+  CheckGroups(*offer);
   const std::optional<SdpNegotiation> negotiation = Negotiate(*offer, setup, reason);
   Expect(negotiation || !reason.empty(), "an offer that cannot be served has a reason");
   if (!negotiation) return;
