@@ -25,6 +25,8 @@ constexpr unsigned kRelayFarewellMillis = 200;
 
 // Far more than a browser with several networks and relays has; what comes late matters most, since relays do.
 constexpr unsigned kMaxRemoteCandidates = 64;
+// Each NAT binding, interface and relay that was not told of makes one.
+constexpr unsigned kMaxLearntAddresses = 64;
 
 IceCandidateType ToType(NiceCandidateType type) {
   switch (type) {
@@ -158,6 +160,10 @@ bool IceAgent::configure(const IceSettings& settings) {
                    this);
   g_signal_connect(agent_, "new-candidate-full", G_CALLBACK(+[](NiceAgent*, NiceCandidate* candidate, gpointer self) {
                      static_cast<IceAgent*>(self)->onNewCandidate(*candidate);
+                   }),
+                   this);
+  g_signal_connect(agent_, "new-remote-candidate-full", G_CALLBACK(+[](NiceAgent*, NiceCandidate*, gpointer self) {
+                     static_cast<IceAgent*>(self)->onAddressLearnt();
                    }),
                    this);
   g_signal_connect(agent_, "candidate-gathering-done", G_CALLBACK(+[](NiceAgent*, guint, gpointer self) {
@@ -372,6 +378,12 @@ void IceAgent::onNewCandidate(const NiceCandidate& candidate) {
   }
   if (found.type == IceCandidateType::kHost) hosts_.push_back(found);
   observer_.onLocalCandidate(found);
+}
+
+// libnice walks its lists of them for every datagram: thousands would keep the thread from all other viewers.
+void IceAgent::onAddressLearnt() {
+  if (learntAddresses_ > kMaxLearntAddresses) return;
+  if (++learntAddresses_ > kMaxLearntAddresses) observer_.onTooManyAddresses();
 }
 
 void IceAgent::onSelectedPair(const NiceCandidate& local, const NiceCandidate& remote) {

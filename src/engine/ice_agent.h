@@ -65,6 +65,9 @@ class IceAgent {
     // A STUN message on the selected pair while isDirect. Whether it was for the observer, so that libnice is not to
     // see it.
     virtual bool onStun(ByteView message) = 0;
+    // The viewer's checks come from more addresses than any honest viewer has; once. libnice keeps every one of them
+    // and knows no limit, so that the object is to be destroyed soon.
+    virtual void onTooManyAddresses() = 0;
 
    protected:
     ~Observer() = default;
@@ -122,6 +125,7 @@ class IceAgent {
   void onNewCandidate(const NiceCandidate& candidate);
   void onMappedAddress(const IceCandidate& host, const MappedAddress& mapped);
   void tellWhenGathered();
+  void onAddressLearnt();
   void onSelectedPair(const NiceCandidate& local, const NiceCandidate& remote);
   void useDirectPath(const NiceCandidate& local, const NiceCandidate& remote);
   bool take(std::uint8_t* data, std::size_t size);
@@ -141,7 +145,8 @@ class IceAgent {
   bool isGathering_ = false;  // libnice is; what else is asked, discovery_ knows
   Observer& observer_;
   IceTransportState state_ = IceTransportState::kNew;
-  unsigned remoteCandidates_ = 0;
+  unsigned remoteCandidates_ = 0;           // told by the viewer
+  unsigned learntAddresses_ = 0;            // known from its checks only
   std::unique_ptr<GSocket, Unref> socket_;  // of path_; libnice may close it
   std::optional<UdpPath> path_;             // while the selected pair is plain UDP
   std::optional<UdpInlet> inlet_;           // together with path_

@@ -72,6 +72,7 @@ class ViewerSession final : private IceAgent::Observer {
   void tellCandidates();
   void onDatagram(std::uint8_t* data, std::size_t size) override;
   bool onStun(ByteView message) override;
+  void onTooManyAddresses() override { end(KOVRA_STATE_FAILED, "the viewer uses too many addresses"); }
 
   void replayVideo(Micros now);
   void findServers();

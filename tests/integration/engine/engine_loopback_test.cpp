@@ -345,6 +345,23 @@ TEST_F(EngineLoopbackTest, OutlivesAFloodOfAuthenticNonsense) {
   expectMoreVideo(*viewer);
 }
 
+TEST_F(EngineLoopbackTest, BearsAViewerWithManyAddresses) {
+  const auto viewer = watch();
+  EXPECT_TRUE(viewer->checkFromPorts(40));
+  expectMoreVideo(*viewer);
+  EXPECT_EQ(events_.session(viewer->session()).states.back(), KOVRA_STATE_CONNECTED);
+}
+
+TEST_F(EngineLoopbackTest, EndsAViewerWithMoreAddressesThanAnyHas) {
+  const auto viewer = watch();
+  const auto other = watch();
+  // libnice may have answered all of a burst before it tells of the first.
+  viewer->checkFromPorts(300);
+  EXPECT_TRUE(events_.waitForState(viewer->session(), KOVRA_STATE_FAILED));
+  expectMoreVideo(*other);
+  EXPECT_EQ(events_.session(other->session()).states.back(), KOVRA_STATE_CONNECTED);
+}
+
 TEST_F(EngineLoopbackTest, AFrozenViewerDoesNotDisturbTheOthers) {
   const auto frozen = watch();
   const auto other = watch();

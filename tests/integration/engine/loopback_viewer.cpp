@@ -1,12 +1,18 @@
 #include "loopback_viewer.h"
 
+#include <netdb.h>
+#include <openssl/rand.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <future>
 #include <utility>
 
 #include "local_addresses.h"
-#include "sdp_offer.h"
+#include "stun_message.h"
 
 namespace kovra {
 
@@ -24,6 +30,47 @@ std::string Hex(const std::vector<std::uint8_t>& digest) {
   }
   return text;
 }
+
+// A port of its own for connectivity checks to one candidate.
+class CheckPort {
+ public:
+  explicit CheckPort(const IceCandidate& to) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* address = nullptr;
+    if (getaddrinfo(to.address.c_str(), std::to_string(to.port).c_str(), &hints, &address) != 0) return;
+    fd_ = socket(address->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const timeval resendAfter{1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &resendAfter, sizeof(resendAfter));
+    connect(fd_, address->ai_addr, address->ai_addrlen);
+    freeaddrinfo(address);
+  }
+  CheckPort(CheckPort&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  CheckPort(const CheckPort&) = delete;
+  CheckPort& operator=(const CheckPort&) = delete;
+  ~CheckPort() {
+    if (fd_ >= 0) close(fd_);
+  }
+
+  void send(const std::vector<std::uint8_t>& check) const { ::send(fd_, check.data(), check.size(), 0); }
+
+  // The check may get lost in a burst. False when nobody listens there any more.
+  bool waitForAnswer(const std::vector<std::uint8_t>& check) const {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < deadline) {
+      std::array<std::uint8_t, 512> datagram;
+      const ssize_t size = recv(fd_, datagram.data(), datagram.size(), 0);
+      if (size < 0 && errno != EAGAIN) return false;
+      if (size < 0) send(check);
+      if (size > 0 && StunResponseTransaction({datagram.data(), static_cast<std::size_t>(size)})) return true;
+    }
+    return false;
+  }
+
+ private:
+  int fd_ = -1;
+};
 
 }  // namespace
 
@@ -87,7 +134,7 @@ std::string LoopbackViewer::offerText(const ViewerOffer& offer) const {
 void LoopbackViewer::useAnswer(const std::string& sdp) {
   std::string reason;
   const SdpOffer answer = ReadSdpOffer(sdp, reason).value();
-  const SdpSection& section = answer.sections.front();
+  const SdpSection& section = answer_.emplace(answer.sections.front());
   const auto role = section.setup == SdpSetup::kPassive ? DtlsTransport::Role::kClient : DtlsTransport::Role::kServer;
   dtls_.emplace(*DtlsIdentity::Get(), role, section.fingerprints, [this](ByteView datagram) { ice_->send(datagram); });
   ice_->setRemoteCredentials(section.iceUfrag, section.icePassword);
@@ -250,6 +297,26 @@ void LoopbackViewer::sendRaw(std::vector<std::uint8_t> datagram) {
 
 void LoopbackViewer::closeDtls() {
   run([&] { dtls_->close(); });
+}
+
+bool LoopbackViewer::checkFromPorts(unsigned count) {
+  StunCheck check;
+  check.username = answer_->iceUfrag + ":" + kUfrag;
+  check.priority = 1;
+  check.controlling = ice_->isControlling();
+  std::vector<CheckPort> ports;
+  std::vector<std::vector<std::uint8_t>> checks(count);
+  for (auto& message : checks) {
+    StunTransactionId transaction;
+    RAND_bytes(transaction.data(), static_cast<int>(transaction.size()));
+    WriteStunCheck(check, transaction, answer_->icePassword, message);
+    ports.emplace_back(answer_->candidates.front());
+  }
+  for (unsigned i = 0; i < count; ++i) ports[i].send(checks[i]);
+  for (unsigned i = 0; i < count; ++i) {
+    if (!ports[i].waitForAnswer(checks[i])) return false;
+  }
+  return true;
 }
 
 std::function<void()> LoopbackViewer::freeze() {

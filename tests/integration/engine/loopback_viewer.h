@@ -19,6 +19,7 @@
 #include "network_thread.h"
 #include "rtcp.h"
 #include "rtp_packet.h"
+#include "sdp_offer.h"
 #include "srtp_transport.h"
 
 namespace kovra {
@@ -79,6 +80,9 @@ class LoopbackViewer final : private IceAgent::Observer {
   void loseConsentChecks(unsigned count);
   // Waits until so many questions for its consent have come since the call.
   bool waitForConsentChecks(unsigned count);
+  // Sends an authentic connectivity check from so many other ports of its own, all at once. False when the engine's
+  // port was closed before every one was answered.
+  bool checkFromPorts(unsigned count);
   // Reads nothing and answers nothing until the returned function is called.
   std::function<void()> freeze();
 
@@ -88,6 +92,7 @@ class LoopbackViewer final : private IceAgent::Observer {
   void onGatheringDone() override { gathered_.set_value(); }
   void onDatagram(std::uint8_t* data, std::size_t size) override;
   bool onStun(ByteView message) override;
+  void onTooManyAddresses() override {}
 
   bool isLost(ByteView datagram);
   void receiveMedia(std::uint8_t* data, std::size_t size);
@@ -105,6 +110,7 @@ class LoopbackViewer final : private IceAgent::Observer {
   std::vector<IceCandidate> candidates_;
   std::promise<void> gathered_;
   std::unique_ptr<IceAgent> ice_;
+  std::optional<SdpSection> answer_;
   std::optional<DtlsTransport> dtls_;
   std::optional<SrtpTransport> srtp_;
   std::vector<std::vector<std::uint8_t>> early_;
