@@ -267,11 +267,15 @@ void IceAgent::onMappedAddress(const IceCandidate& host, const MappedAddress& ma
   observer_.onLocalCandidate(found);
 }
 
+// libnice gathers again for it, unless no address of ours can reach it: then it tells nothing.
 bool IceAgent::addRelay(const IceRelay& relay) {
-  return nice_agent_set_relay_info(
-             agent_, stream_, kComponent, relay.address.ip.c_str(), relay.address.port, relay.username.c_str(),
-             relay.credential.c_str(),
-             relay.transport == IceTransport::kTcp ? NICE_RELAY_TYPE_TURN_TCP : NICE_RELAY_TYPE_TURN_UDP) != FALSE;
+  const bool added =
+      nice_agent_set_relay_info(
+          agent_, stream_, kComponent, relay.address.ip.c_str(), relay.address.port, relay.username.c_str(),
+          relay.credential.c_str(),
+          relay.transport == IceTransport::kTcp ? NICE_RELAY_TYPE_TURN_TCP : NICE_RELAY_TYPE_TURN_UDP) != FALSE;
+  if (added) isGathering_ = true;
+  return added;
 }
 
 bool IceAgent::setRemoteCredentials(const std::string& ufrag, const std::string& password) {

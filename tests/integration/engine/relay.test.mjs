@@ -1,7 +1,10 @@
 import assert from 'node:assert/strict';
+import os from 'node:os';
 import { after, before, test } from 'node:test';
 import { State, withProbe } from './support/probe.mjs';
+import { StunServer } from './support/stun_server.mjs';
 import { TurnServer } from './support/turn_server.mjs';
+import { UdpRelay } from './support/udp_relay.mjs';
 import { endViewers, Viewer } from './support/viewer.mjs';
 
 let turn;
@@ -16,6 +19,12 @@ const bindAddress = '127.0.0.1';
 
 const localCandidates = (probe) =>
   probe.events.items.filter(({ event }) => event === 'candidate').map(({ candidate }) => JSON.parse(candidate).candidate);
+
+// While the engine knows of no server on loopback it uses none of loopback's addresses.
+const ownAddress = () => Object.values(os.networkInterfaces()).flat().find(({ family, internal }) => family === 'IPv4' && !internal).address;
+
+// An address in a form that is a name to the engine, and that every name service knows.
+const nameOf = (address) => String(address.split('.').reduce((number, byte) => number * 256 + Number(byte), 0));
 
 for (const transport of ['udp', 'tcp']) {
   test(`with relayOnly the media go through the TURN server, reached over ${transport}`, () => withProbe(async (probe) => {
@@ -66,6 +75,33 @@ test('with relayOnly and without trickle the answer holds relayed candidates onl
   const candidates = viewer.answerSdp.match(/^a=candidate:.*$/gm);
   assert.ok(candidates.length > 0);
   for (const candidate of candidates) assert.match(candidate, / typ relay /);
+}));
+
+test('without trickle the answer waits for a relay though a STUN server found with it answers sooner', () => withProbe(async (probe) => {
+  const stun = await StunServer.start({ address: '198.51.100.7', port: 40404 });
+  const [fast, slow] = [new UdpRelay(), new UdpRelay({ delay: 100 })];
+  try {
+    const own = ownAddress();
+    const iceServers = [
+      { url: `stun:${nameOf(own)}:${await fast.door(own, { address: '127.0.0.1', port: stun.port })}` },
+      { url: `turn:${nameOf(own)}:${await slow.door(own, turn)}?transport=udp`, ...turn.credentials },
+    ];
+    const viewer = new Viewer(probe, { session: { trickleIce: false, iceServers } });
+    await viewer.call();
+    assert.match(viewer.answerSdp, / typ srflx /);
+    assert.match(viewer.answerSdp, / typ relay /);
+  } finally {
+    for (const server of [fast, slow]) server.close();
+    stun.stop();
+  }
+}));
+
+test('without trickle the answer waits no longer for a relay that is silent', () => withProbe(async (probe) => {
+  const iceServers = [{ url: `turn:${nameOf('127.0.0.1')}:9?transport=udp`, username: 'nobody', credential: 'there' }];
+  const viewer = new Viewer(probe, { session: { trickleIce: false, iceServers } });
+  await viewer.connect();
+  assert.match(viewer.answerSdp, / typ host/);
+  assert.doesNotMatch(viewer.answerSdp, / typ relay/);
 }));
 
 test('with relayOnly and a TURN server that refuses us no other path is taken', () => withProbe(async (probe) => {

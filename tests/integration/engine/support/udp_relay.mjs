@@ -39,7 +39,13 @@ export class UdpRelay {
     const words = candidate.candidate.split(' ');
     const [address, port] = [words[4], Number(words[5])];
     if (words[2].toLowerCase() !== 'udp' || address.includes(':')) return null;
-    const door = await this.#socket(address);
+    words[5] = await this.door(address, { address, port });
+    return { ...candidate, candidate: words.join(' ') };
+  }
+
+  // A port of the relay's at one of the machine's addresses, that leads to the target's.
+  async door(at, { address, port }) {
+    const door = await this.#socket(at);
     const backs = new Map(); // as a NAT does: a socket for each address of the viewer
     door.on('message', async (packet, from) => {
       const key = `${from.address} ${from.port}`;
@@ -47,8 +53,7 @@ export class UdpRelay {
       const back = await backs.get(key);
       this.#pass(packet, back, port, address);
     });
-    words[5] = door.address().port;
-    return { ...candidate, candidate: words.join(' ') };
+    return door.address().port;
   }
 
   // From now on nothing passes, as when the viewer's network is gone.
