@@ -102,13 +102,17 @@ export class Viewer {
     this.videoTrack.sendMessageBinary(makeFir(kVideoFeedbackSsrc, media, this.#firSequence++));
   }
 
-  // Nothing is said any more once the engine has closed the connection.
+  // Nothing is said any more once the engine has closed the connection, which may happen in the midst of this.
   speak(byte, length = 160) {
-    if (!this.audioTrack.isOpen()) return;
     const sequence = this.#voiceSequence++;
-    this.audioTrack.sendMessageBinary(makeRtp({
+    const packet = makeRtp({
       payloadType: kPcmu, sequence, timestamp: sequence * length, ssrc: kVoiceSsrc, payload: Buffer.alloc(length, byte),
-    }));
+    });
+    try {
+      this.audioTrack.sendMessageBinary(packet);
+    } catch (error) {
+      if (this.audioTrack.isOpen()) throw error;
+    }
   }
 
   // Disappears without a word, which takes a relay: nothing of the viewer reaches the engine any more.
