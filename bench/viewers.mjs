@@ -108,8 +108,7 @@ if (peer) {
   limit(timesPeer, 1, 'at most 1');
 }
 row('memory idle, RSS, MiB', ({ idle }) => idle.rss, 1);
-// Debian's libnice brings along more code than this by itself, of which the engine uses nothing.
-if (lean) table.limit(lean.idle.rss, 8, 'lean: at most 8');
+limit(({ idle }) => idle.rss, 8, 'at most 8');
 row('memory idle, PSS', ({ idle }) => idle.pss, 1);
 row('memory idle, without what comes from files', ({ idle }) => idle.anonymous, 1);
 row(`memory at ${kMost}, RSS`, ({ at }) => at[kMost].memory.rss, 1);
