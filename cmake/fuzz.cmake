@@ -7,7 +7,7 @@ function(signalconn_fuzz_test name seeds)
   set(corpus ${CMAKE_CURRENT_BINARY_DIR}/corpus/${name})
   file(MAKE_DIRECTORY ${corpus})
   add_test(NAME ${name}
-    COMMAND ${name} -max_total_time=${SIGNALCONN_FUZZ_SECONDS} -timeout=60
+    COMMAND ${name} -max_total_time=${SIGNALCONN_FUZZ_SECONDS} -timeout=20
       -artifact_prefix=${CMAKE_CURRENT_BINARY_DIR}/ ${ARGN} ${corpus} ${CMAKE_CURRENT_SOURCE_DIR}/${seeds})
   math(EXPR limit "${SIGNALCONN_FUZZ_SECONDS} + 120")
   set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT ${limit})
